@@ -1,0 +1,206 @@
+#include <Vel/Exception.h>
+#include <Vel/VelType.h>
+#include <Vel/internal/ChildWatch.h>
+
+#include <cerrno>
+#include <ostream>
+#include <string>
+#include <unistd.h>
+#include <utility>
+
+namespace Vel {
+
+Entity::Entity(Name name) noexcept : name_(std::move(name)) {}
+Entity::~Entity() = default;
+
+AllocTrackTypeInfo* ChildSiginfo::velAllocTrackTypeInfo_ = nullptr;
+
+// Drains the child's pipe, whose content means nothing, and reports its end.
+class ChildSiginfo::ChildPipeReactor final : public FileDescriptor::NotifieeConst {
+ public:
+   explicit ChildPipeReactor(ChildSiginfo* siginfo) noexcept : siginfo_(siginfo) {}
+   ~ChildPipeReactor() override = default;
+
+   void siginfoIs(ChildSiginfo* siginfo) noexcept { siginfo_ = siginfo; }
+   void onReadable() override;
+
+ private:
+   bool drained(int pipe) noexcept;
+
+   ChildSiginfo* siginfo_; // uncounted: the siginfo owns this reactor and clears it when it goes
+};
+
+void ChildSiginfo::ChildPipeReactor::onReadable() {
+   const Ptr<FileDescriptor const> pipe = notifier();
+   if (drained(pipe->descriptor())) {
+      return;
+   }
+   const Ptr<ChildSiginfo> siginfo(siginfo_); // the end of the pipe may be the child's
+   isRegisteredNotifieeIs(false);             // out of the poll set: it would be readable for ever
+   if (siginfo) {
+      ChildWatch::instance().pipeEnded(*siginfo);
+   }
+}
+
+// At most 64 KiB at once, so that a child that writes without end doesn't hold up the others.
+// False at the end of the pipe.
+bool ChildSiginfo::ChildPipeReactor::drained(int pipe) noexcept {
+   char dropped[16 * 1024];
+   for (int reads = 0; reads < 4; ++reads) {
+      const ssize_t got = ::read(pipe, dropped, sizeof dropped);
+      if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+         return false; // an error won't get better, and counts as the end
+      }
+      if (got < static_cast<ssize_t>(sizeof dropped)) {
+         break;
+      }
+   }
+   return true;
+}
+
+ChildSiginfo::ChildSiginfo(Name name, int pid) noexcept : Entity(std::move(name)), pid_(pid) {}
+
+ChildSiginfo::~ChildSiginfo() {
+   if (place_ != noPlace) {
+      ChildWatch::instance().leave(*this);
+   }
+   if (childPipeReactor_) {
+      static_cast<ChildPipeReactor&>(*childPipeReactor_).siginfoIs(nullptr);
+   }
+}
+
+template <auto handler> void ChildSiginfo::announce() const {
+   announceTo<handler, NotifieeConst>(this, notifieeList_);
+}
+
+void ChildSiginfo::signalCodeIs(SignalCode code) {
+   if (code != signalCode_) {
+      signalCode_ = code;
+      announce<&NotifieeConst::onSignalCode>();
+   }
+}
+
+void ChildSiginfo::exitStatusIs(std::uint8_t status) {
+   if (status != exitStatus_) {
+      exitStatus_ = status;
+      announce<&NotifieeConst::onExitStatus>();
+   }
+}
+
+void ChildSiginfo::exitSignalIs(std::uint8_t signal) {
+   if (signal != exitSignal_) {
+      exitSignal_ = signal;
+      announce<&NotifieeConst::onExitSignal>();
+   }
+}
+
+// Called by the watch, which holds this object. Status and signal come before the code, so that
+// whoever hears the code reads a whole record; the code comes although their handlers threw.
+void ChildSiginfo::endIs(const End& end) {
+   if (childPipe_) {
+      childPipe_->close();
+   }
+   coreDumped_ = end.coreDumped;
+   provenance_ = end.provenance;
+   FirstException first;
+   first.run([&] { exitStatusIs(end.code == exited ? end.value : 0); });
+   first.run([&] { exitSignalIs(end.code == killed ? end.value : 0); });
+   first.run([&] { signalCodeIs(end.code); });
+   first.rethrow();
+}
+
+Ptr<FileDescriptor> ChildSiginfo::childPipeIs(Name name) {
+   const Ptr<ChildSiginfo> self(this); // a notifiee may drop every other handle on it
+   const ValidPtr<FileDescriptor> pipe(newEntity<FileDescriptor>(std::move(name)));
+   pipe->settings_ |= FileDescriptor::childPipeSetting;
+   childPipe_ = pipe;
+   announce<&NotifieeConst::onChildPipe>();
+   return pipe;
+}
+
+Ptr<FileDescriptor::NotifieeConst>
+ChildSiginfo::childPipeReactorIs(const Ptr<FileDescriptor const>& pipe,
+                                 const Ptr<ChildSiginfo>& siginfo) {
+   if (siginfo.get() != this) {
+      throwRangeException("a child pipe reactor reports to the siginfo that owns it");
+   }
+   const Ptr<ChildSiginfo> self(this); // a notifiee may drop every other handle on it
+   const Ptr<ChildPipeReactor> reactor = newEntity<ChildPipeReactor>(this);
+   bool pipeWatched = false;
+   int error = EBADF;
+   if (signalCode_ == none) {
+      reactor->notifierIs(pipe);
+      try {
+         reactor->isRegisteredNotifieeIs(true);
+         pipeWatched = pipe && pipe->descriptor() >= 0;
+      } catch (const SystemException& refused) {
+         error = refused.error(); // the process may still be watched
+      }
+      if (!ChildWatch::instance().watch(*this, pipeWatched)) {
+         throw SystemException("process " + std::to_string(pid_) + " can't be watched", error);
+      }
+   }
+   if (childPipeReactor_) {
+      static_cast<ChildPipeReactor&>(*childPipeReactor_).siginfoIs(nullptr);
+   }
+   childPipeReactor_ = reactor;
+   announce<&NotifieeConst::onChildPipeReactor>();
+   return reactor;
+}
+
+bool ChildSiginfo::signal(int number) const { return ChildWatch::instance().signal(*this, number); }
+
+void ChildSiginfo::conclude() {
+   const Ptr<ChildSiginfo> self(this); // a notifiee may drop every other handle on it
+   ChildWatch::instance().conclude(*this);
+}
+
+void ChildSiginfo::forkedReserve() { ChildWatch::instance().forkedReserve(); }
+void ChildSiginfo::forkedIs(int pid) noexcept { ChildWatch::instance().forkedIs(pid); }
+void ChildSiginfo::forkedSettle() noexcept { ChildWatch::instance().settle(); }
+
+// ---- the notifiee ----
+
+void ChildSiginfo::NotifieeConst::isRegisteredNotifieeIs(bool registered) const {
+   registrationIs(registered);
+}
+
+void ChildSiginfo::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& newNotifier) {
+   attach(Ptr<ChildSiginfo const>::narrow(newNotifier));
+}
+
+ChildSiginfo::NotifieeConst::~NotifieeConst() { detach(); }
+
+void ChildSiginfo::NotifieeConst::onExitSignal() {}
+void ChildSiginfo::NotifieeConst::onExitStatus() {}
+void ChildSiginfo::NotifieeConst::onSignalCode() {}
+void ChildSiginfo::NotifieeConst::onChildPipe() {}
+void ChildSiginfo::NotifieeConst::onChildPipeReactor() {}
+
+std::ostream& operator<<(std::ostream& stream, const ChildSiginfo::SignalCode& code) {
+   switch (code) {
+   case ChildSiginfo::none:
+      return stream << "none";
+   case ChildSiginfo::exited:
+      return stream << "exited";
+   case ChildSiginfo::killed:
+      return stream << "killed";
+   case ChildSiginfo::lost:
+      return stream << "lost";
+   }
+   return stream << static_cast<std::uint32_t>(code);
+}
+
+// ---- the type ----
+
+namespace {
+[[gnu::section(".vel.type")]] constexpr char typeName[] = "Vel::ChildSiginfo";
+} // namespace
+
+constinit const VelType ChildSiginfo::_velType = {.name = typeName,
+                                                  .size = sizeof(ChildSiginfo),
+                                                  .parent = &PtrInterface::_velType,
+                                                  .flags = 0xffff};
+const VelType* ChildSiginfo::fwkType() const { return &_velType; }
+
+} // namespace Vel

@@ -1,0 +1,151 @@
+#include <Vel/internal/ActivityCore.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Vel {
+
+AllocTrackTypeInfo* FileDescriptor::velAllocTrackTypeInfo_ = nullptr;
+
+FileDescriptor::FileDescriptor(Name name) : name_(std::move(name)) {}
+
+FileDescriptor::~FileDescriptor() { close(); }
+
+void FileDescriptor::descriptorIs(int descriptor) {
+   descriptor = std::max(descriptor, -1);
+   if (descriptor == descriptor_) {
+      return;
+   }
+   ActivityCore& core = ActivityCore::instance();
+   if (descriptor >= 0) {
+      core.ownerIs(descriptor, this);
+      try {
+         core.eventsIs(descriptor, wantedEvents());
+      } catch (...) {
+         core.release(descriptor);
+         throw;
+      }
+   }
+   close();
+   descriptor_ = descriptor;
+   if (nonBlocking()) {
+      nonBlockingApply();
+   }
+}
+
+void FileDescriptor::nonBlockingIs(bool on) {
+   if (on == nonBlocking()) {
+      return;
+   }
+   settings_ ^= nonBlockingSetting;
+   nonBlockingApply();
+}
+
+// A descriptor that isn't open is told of when it is watched, like any other that can't be.
+void FileDescriptor::nonBlockingApply() noexcept {
+   const int flags = descriptor_ >= 0 ? ::fcntl(descriptor_, F_GETFL) : -1;
+   if (flags >= 0) {
+      ::fcntl(descriptor_, F_SETFL, nonBlocking() ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
+   }
+}
+
+void FileDescriptor::notifyOnReadableIs(bool on) { settingIs(readableSetting, on); }
+void FileDescriptor::notifyOnWritableIs(bool on) { settingIs(writableSetting, on); }
+void FileDescriptor::notifyOnExceptionIs(bool on) { settingIs(exceptionSetting, on); }
+
+void FileDescriptor::settingIs(std::uint32_t setting, bool on) {
+   const std::uint32_t previous = settings_;
+   settings_ = on ? settings_ | setting : settings_ & ~setting;
+   try {
+      watchUpdate();
+   } catch (...) {
+      settings_ = previous;
+      throw;
+   }
+}
+
+// Without a notifiee there is nobody to act on an event: polled for, it would come for ever.
+std::uint32_t FileDescriptor::wantedEvents() const noexcept {
+   if (notifieeList_.empty()) {
+      return 0;
+   }
+   return (notifyOnReadable() ? EPOLLIN | EPOLLRDHUP : 0U) | (notifyOnWritable() ? EPOLLOUT : 0U) |
+          (notifyOnException() ? EPOLLPRI : 0U);
+}
+
+void FileDescriptor::watchUpdate() {
+   if (descriptor_ >= 0) {
+      ActivityCore::instance().eventsIs(descriptor_, wantedEvents());
+   }
+}
+
+void FileDescriptor::deliver(std::uint32_t events) {
+   const Ptr<FileDescriptor> self(this); // a handler may drop every other handle on it
+   const int descriptor = descriptor_;   // ... or have it own another one, or none
+   if ((settings_ & childPipeSetting) == 0) {
+      ActivityCore::instance().deliveryMade();
+   }
+   const bool failed = (events & (EPOLLHUP | EPOLLERR)) != 0;
+   if (notifyOnReadable() && (failed || (events & (EPOLLIN | EPOLLRDHUP)) != 0)) {
+      announceTo<&NotifieeConst::onReadable, NotifieeConst>(this, notifieeList_);
+   }
+   if (descriptor_ == descriptor && notifyOnWritable() && (failed || (events & EPOLLOUT) != 0)) {
+      announceTo<&NotifieeConst::onWritable, NotifieeConst>(this, notifieeList_);
+   }
+   if (descriptor_ == descriptor && notifyOnException() && (failed || (events & EPOLLPRI) != 0)) {
+      announceTo<&NotifieeConst::onException, NotifieeConst>(this, notifieeList_);
+   }
+}
+
+void FileDescriptor::close() noexcept {
+   if (descriptor_ >= 0) {
+      ActivityCore::instance().release(descriptor_);
+   }
+   if (descriptor_ >= 0) { // in a forked child the release may have found it the parent's
+      ::close(descriptor_);
+      descriptor_ = -1;
+   }
+}
+
+void FileDescriptor::NotifieeConst::isRegisteredNotifieeIs(bool registered) const {
+   registrationIs(registered);
+   try {
+      membersChanged(notifier());
+   } catch (...) {
+      registrationIs(!registered);
+      throw;
+   }
+}
+
+void FileDescriptor::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& newNotifier) {
+   const Ptr<FileDescriptor const> previous = notifier();
+   attach(Ptr<FileDescriptor const>::narrow(newNotifier));
+   try {
+      membersChanged(notifier());
+      membersChanged(previous);
+   } catch (...) {
+      attach(previous);
+      throw;
+   }
+}
+
+FileDescriptor::NotifieeConst::~NotifieeConst() {
+   const Ptr<FileDescriptor const> watched = notifier();
+   detach();
+   membersChanged(watched); // fewer members: it can only leave the poll set, which never fails
+}
+
+// The first member brings the descriptor into the poll set, the last one takes it out.
+void FileDescriptor::NotifieeConst::membersChanged(const Ptr<FileDescriptor const>& watched) {
+   if (watched && watched->notifieeList_.members() <= 1) {
+      const_cast<FileDescriptor*>(watched.get())->watchUpdate();
+   }
+}
+
+void FileDescriptor::NotifieeConst::onReadable() {}
+void FileDescriptor::NotifieeConst::onWritable() {}
+void FileDescriptor::NotifieeConst::onException() {}
+
+} // namespace Vel

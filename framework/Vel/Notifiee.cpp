@@ -1,0 +1,284 @@
+#include <Vel/Exception.h>
+#include <Vel/Notifiee.h>
+
+#include <cassert>
+#include <cstring>
+#include <new>
+
+namespace Vel {
+
+// Members in the order of joining; one that left is a hole (null) until nobody visits.
+struct NotifieeListBase::Block {
+   std::uint32_t used = 0;                       // places given out, holes included
+   std::uint32_t live = 0;                       // members
+   std::uint32_t room = 0;                       // places
+   std::uint32_t visits = 0;                     // under way: places keep their numbers meanwhile
+   PtrInterface::NotifieeConst* members[1] = {}; // in truth as many as there is room for
+
+   static Block* make(std::uint32_t room) {
+      void* const memory =
+         ::operator new(sizeof(Block) + (room - 1) * sizeof(PtrInterface::NotifieeConst*));
+      auto* const made = ::new (memory) Block;
+      made->room = room;
+      return made;
+   }
+   void append(PtrInterface::NotifieeConst* member) noexcept {
+      member->place_ = used;
+      members[used++] = member;
+      ++live;
+   }
+   void closeHoles() noexcept {
+      std::uint32_t kept = 0;
+      for (std::uint32_t place = 0; place < used; ++place) {
+         if (auto* const member = members[place]) {
+            member->place_ = kept;
+            members[kept++] = member;
+         }
+      }
+      used = kept;
+   }
+};
+
+NotifieeListBase::Block* NotifieeListBase::block() const noexcept {
+   return (head_ & 1) != 0 ? reinterpret_cast<Block*>(head_ - 1) : nullptr;
+}
+
+PtrInterface::NotifieeConst* NotifieeListBase::single() const noexcept {
+   return (head_ & 1) == 0 ? reinterpret_cast<PtrInterface::NotifieeConst*>(head_) : nullptr;
+}
+
+unsigned NotifieeListBase::members() const noexcept {
+   const Block* const members = block();
+   return members != nullptr ? members->live : head_ != 0;
+}
+
+void NotifieeListBase::reserveMember() {
+   Block* const old = block();
+   if (head_ == 0 || (old != nullptr && old->used < old->room)) {
+      return;
+   }
+   if (old == nullptr) {
+      Block* const made = Block::make(4);
+      made->append(single());
+      head_ = reinterpret_cast<std::uintptr_t>(made) | 1;
+      return;
+   }
+   if (old->visits == 0 && old->live <= old->room / 2) {
+      old->closeHoles();
+      return;
+   }
+   Block* const made = Block::make(old->room * 2);
+   std::memcpy(made->members, old->members, old->used * sizeof old->members[0]);
+   made->used = old->used;
+   made->live = old->live;
+   made->visits = old->visits;
+   head_ = reinterpret_cast<std::uintptr_t>(made) | 1;
+   ::operator delete(old);
+}
+
+void NotifieeListBase::doNewMember(PtrInterface::NotifieeConst* member) {
+   reserveMember();
+   if (Block* const members = block()) {
+      members->append(member);
+   } else {
+      head_ = reinterpret_cast<std::uintptr_t>(member);
+   }
+}
+
+void NotifieeListBase::doDeleteMember(PtrInterface::NotifieeConst* member) noexcept {
+   Block* const members = block();
+   if (members == nullptr) {
+      if (single() == member) {
+         head_ = 0;
+      }
+      return;
+   }
+   if (member->place_ < members->used && members->members[member->place_] == member) {
+      members->members[member->place_] = nullptr;
+      --members->live;
+      tidy();
+   }
+}
+
+// An empty list is an empty word, which is all that announcing looks at.
+void NotifieeListBase::tidy() noexcept {
+   Block* const members = block();
+   if (members != nullptr && members->live == 0 && members->visits == 0) {
+      head_ = 0;
+      ::operator delete(members);
+   }
+}
+
+void NotifieeListBase::doVisit(void (*visit)(PtrInterface::NotifieeConst*)) const {
+   if (auto* const only = single()) {
+      visit(only); // a door: nothing of the list is looked at behind it
+      return;
+   }
+   if (block() == nullptr) {
+      return;
+   }
+   auto* const self = const_cast<NotifieeListBase*>(this);
+   const std::uint32_t end = block()->used; // who joins from here on isn't visited
+   FirstException first;
+   ++block()->visits;
+   for (std::uint32_t place = 0; place < end; ++place) {
+      // Read afresh each time: a handler may have made the block move, or members leave.
+      if (auto* const member = block()->members[place]) {
+         first.run([&] { visit(member); });
+      }
+   }
+   --block()->visits;
+   self->tidy();
+   first.rethrow();
+}
+
+void NotifieeListBase::deleteAll() noexcept {
+   const auto dropped = [](PtrInterface::NotifieeConst* member) {
+      member->isRegisteredNotifiee_ = false;
+      if (member->weakNotifier_) {
+         // Its handle counts nothing: counted up, so that emptying it leaves the count alone.
+         member->notifier_->referencesInc();
+         member->notifier_ = nullptr;
+      }
+   };
+   if (auto* const only = single()) {
+      head_ = 0;
+      dropped(only);
+   } else if (Block* const members = block()) {
+      for (std::uint32_t place = 0; place < members->used; ++place) {
+         if (auto* const member = members->members[place]) {
+            members->members[place] = nullptr;
+            dropped(member);
+         }
+      }
+      members->live = 0;
+      tidy();
+   }
+}
+
+AllocTrackTypeInfo* PtrInterface::NotifieeConst::velAllocTrackTypeInfo_ = nullptr;
+
+PtrInterface::NotifieeConst::NotifieeConst() noexcept { bitsIs(notificationActiveBit, true); }
+
+PtrInterface::NotifieeConst::~NotifieeConst() {
+   // Also for one that was marked for deletion while it was registered: no list keeps the dead.
+   if (isRegisteredNotifiee_ && notifier_) {
+      notifier_->notifieeList()->doDeleteMember(this);
+   }
+}
+
+void PtrInterface::NotifieeConst::hasNotificationActiveIs(bool active) {
+   if (active == hasNotificationActive()) {
+      return;
+   }
+   bitsIs(notificationActiveBit, active);
+   if (active) {
+      if ((notifieeFlags_ & wasRegisteredFlag) != 0) {
+         isRegisteredNotifieeIs(true);
+      }
+      return;
+   }
+   notifieeFlags_ = isRegisteredNotifiee_ ? notifieeFlags_ | wasRegisteredFlag
+                                          : notifieeFlags_ & ~wasRegisteredFlag;
+   isRegisteredNotifieeIs(false);
+}
+
+unsigned PtrInterface::NotifieeConst::auditErrors(unsigned level) const {
+   return PtrInterface::auditErrors(level);
+}
+
+PtrInterface::NotifieeConst* PtrInterface::NotifieeConst::velReactor() const {
+   return const_cast<NotifieeConst*>(this);
+}
+
+void PtrInterface::NotifieeConst::isRegisteredNotifieeIs(bool registered) const {
+   registrationIs(registered);
+}
+
+void PtrInterface::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& notifier) {
+   attach(notifier);
+}
+
+void PtrInterface::NotifieeConst::handleNotification(ActivityConfig*) {}
+void PtrInterface::NotifieeConst::onNotificationException() {}
+void PtrInterface::NotifieeConst::onZeroReferences() {}
+Ptr<PtrInterface> PtrInterface::NotifieeConst::velFwkActivity() const { return {}; }
+Ptr<PtrInterface> PtrInterface::NotifieeConst::actsm() { return {}; }
+
+void PtrInterface::NotifieeConst::registrationIs(bool registered) const {
+   if (isRegisteredNotifiee_ == registered) {
+      return;
+   }
+   isRegisteredNotifiee_ = registered;
+   const Ptr<PtrInterface const> notifier(notifier_); // while its list is changed
+   NotifieeList* const list = notifier ? notifier->notifieeList() : nullptr;
+   if (list == nullptr) {
+      return;
+   }
+   if (!registered) {
+      list->doDeleteMember(velReactor());
+      return;
+   }
+   try {
+      list->newMember(velReactor());
+   } catch (...) {
+      isRegisteredNotifiee_ = false;
+      throw;
+   }
+}
+
+void PtrInterface::NotifieeConst::attach(const Ptr<PtrInterface const>& narrowed) {
+   if (narrowed == notifier_) {
+      return;
+   }
+   NotifieeList* const list = narrowed ? narrowed->notifieeList() : nullptr;
+   if (isRegisteredNotifiee_ && list != nullptr) {
+      list->reserveMember(); // what can fail comes before anything has changed
+   }
+   const Ptr<PtrInterface const> previous(notifier_); // its list outlives this member's leaving
+   notifier_ = narrowed;
+   if (weakNotifier_) {
+      if (previous) {
+         previous->referencesInc();
+      }
+      if (notifier_) {
+         notifier_->referencesDec();
+      }
+   }
+   if (isRegisteredNotifiee_) {
+      if (previous && previous->notifieeList() != nullptr) {
+         previous->notifieeList()->doDeleteMember(this);
+      }
+      if (list != nullptr) {
+         list->newMember(this);
+      }
+   }
+}
+
+void PtrInterface::NotifieeConst::detach() noexcept {
+   if (!notifier_) {
+      return;
+   }
+   if (weakNotifier_) {
+      notifier_->referencesInc(); // for the base destructor to take back
+   }
+   if (isRegisteredNotifiee_ && !velMarkedForDeletion()) {
+      const Ptr<PtrInterface const> notifier(notifier_); // while its list is changed
+      if (NotifieeList* const list = notifier->notifieeList()) {
+         list->doDeleteMember(this);
+      }
+      isRegisteredNotifiee_ = false;
+   }
+}
+
+void PtrInterface::NotifieeConst::weakNotifierIs(bool weak) {
+   if (weak == weakNotifier_) {
+      return;
+   }
+   weakNotifier_ = weak;
+   if (notifier_) {
+      weak ? static_cast<void>(notifier_->referencesDec()) : notifier_->referencesInc();
+   }
+}
+
+} // namespace Vel

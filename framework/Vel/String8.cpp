@@ -1,0 +1,205 @@
+#include <Vel/Exception.h>
+#include <Vel/String8.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <ostream>
+#include <vector>
+
+namespace Vel {
+
+AllocTrackTypeInfo* String8::Data::velAllocTrackTypeInfo_ = nullptr;
+
+const char* String8::Data::text() const noexcept { return text_; }
+
+String8::Data* String8::Data::make(std::string_view first, std::string_view second) {
+   const std::size_t length = first.size() + second.size();
+   const std::size_t size = offsetof(Data, text_) + length + 1;
+   if (size > std::numeric_limits<unsigned>::max()) {
+      throwRangeException("a string of 4 GiB or more");
+   }
+   AllocTrackTypeInfo::trackAllocation(&velAllocTrackTypeInfo_, typeid(Data),
+                                       static_cast<unsigned>(size));
+   void* memory = nullptr;
+   try {
+      memory = ::operator new(std::max(size, sizeof(Data)));
+   } catch (...) {
+      AllocTrackTypeInfo::trackDeallocation(velAllocTrackTypeInfo_);
+      throw;
+   }
+   auto* data = ::new (memory) Data(static_cast<std::uint32_t>(length));
+   auto* to = static_cast<char*>(memory) + offsetof(Data, text_);
+   to += first.copy(to, first.size());
+   to += second.copy(to, second.size());
+   *to = '\0';
+   return data;
+}
+
+std::uint32_t String8::Data::referencesDec() const noexcept {
+   const std::uint32_t left = VFPtrInterface::countDec(references_);
+   if (left == 0) {
+      AllocTrackTypeInfo::trackDeallocation(velAllocTrackTypeInfo_);
+      ::operator delete(const_cast<Data*>(this));
+   }
+   return left;
+}
+
+bool String8::Data::operator==(const Data& other) const noexcept {
+   return std::string_view(text(), length()) == std::string_view(other.text(), other.length());
+}
+
+String8::String8(const char* text) : String8(std::string_view(text != nullptr ? text : "")) {}
+
+String8::String8(std::string_view text) {
+   if (!text.empty()) {
+      data_ = Data::make(text, {});
+   }
+}
+
+String8::String8(const String8& other) noexcept : data_(other.data_) {
+   if (data_ != nullptr) {
+      data_->referencesInc();
+   }
+}
+
+String8& String8::operator=(String8&& other) noexcept {
+   if (this != &other) {
+      Data* const taken = other.data_;
+      other.data_ = nullptr;
+      release();
+      data_ = taken;
+   }
+   return *this;
+}
+
+void String8::release() noexcept {
+   if (Data* const data = data_) {
+      data_ = nullptr;
+      data->referencesDec();
+   }
+}
+
+void String8::init(const char* text, unsigned offset, unsigned length) {
+   if (length != 0) {
+      *this = String8(std::string_view(text + offset, length));
+   }
+}
+
+const char* String8::charPtr() const noexcept { return data_ != nullptr ? data_->text() : ""; }
+
+unsigned String8::length() const noexcept { return data_ != nullptr ? data_->length() : 0; }
+
+String8 String8::operator+(const String8& right) const {
+   if (empty() || right.empty()) {
+      return empty() ? right : *this;
+   }
+   String8 joined;
+   joined.data_ = Data::make(*this, right);
+   return joined;
+}
+
+String8 String8::operator+(const char* right) const {
+   String8 temporary;
+   temporary.init(right, 0, right != nullptr ? static_cast<unsigned>(std::strlen(right)) : 0);
+   return *this + temporary;
+}
+
+std::ostream& operator<<(std::ostream& stream, const String8& text) {
+   return stream.write(text.charPtr(), static_cast<std::streamsize>(text.length()));
+}
+
+String8 format(const char* format, ...) {
+   std::va_list arguments;
+   va_start(arguments, format);
+   char small[128]; // names and numbers fit; longer texts are formatted a second time
+   std::va_list again;
+   va_copy(again, arguments);
+   const int length = std::vsnprintf(small, sizeof small, format, arguments);
+   va_end(arguments);
+   std::vector<char> large;
+   const char* text = small;
+   if (length >= static_cast<int>(sizeof small)) {
+      large.resize(static_cast<std::size_t>(length) + 1);
+      std::vsnprintf(large.data(), large.size(), format, again);
+      text = large.data();
+   }
+   va_end(again);
+   if (length < 0) {
+      throwRangeException("a format that can't be carried out");
+   }
+   return String8(std::string_view(text, static_cast<std::size_t>(length)));
+}
+
+String8 valueToStrep(const String8& value) {
+   static constexpr char digits[] = "0123456789abcdef";
+   std::string out = "\"";
+   for (const char character : std::string_view(value)) {
+      const auto byte = static_cast<unsigned char>(character);
+      if (character == '"' || character == '\\') {
+         out += '\\';
+         out += character;
+      } else if (character == '\n') {
+         out += "\\n";
+      } else if (byte < 0x20 || byte > 0x7e) {
+         out += "\\x";
+         out += digits[byte >> 4];
+         out += digits[byte & 15];
+      } else {
+         out += character;
+      }
+   }
+   return out + '"';
+}
+
+namespace {
+
+int hexDigit(char character) {
+   if (character >= '0' && character <= '9') {
+      return character - '0';
+   }
+   const char lower = static_cast<char>(character | 0x20);
+   return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+// The character that an escape stands for; at is behind the backslash and is moved past it.
+char unescaped(const char*& at, const char* end) {
+   const char kind = at != end ? *at++ : '\0';
+   if (kind == '"' || kind == '\\') {
+      return kind;
+   }
+   if (kind == 'n') {
+      return '\n';
+   }
+   if (kind == 'x' && end - at >= 2 && hexDigit(at[0]) >= 0 && hexDigit(at[1]) >= 0) {
+      const int byte = hexDigit(at[0]) * 16 + hexDigit(at[1]);
+      at += 2;
+      return static_cast<char>(byte);
+   }
+   throwRangeException("a quoted text with an unknown escape: expected \\\" \\\\ \\n or \\xNN");
+}
+
+} // namespace
+
+String8 sequenceToValue(String8::IteratorConst& it, const String8::IteratorConst& end, String8*) {
+   if (it == end || *it != '"') {
+      const std::string_view bare(it, static_cast<std::size_t>(end - it));
+      it = end;
+      return bare;
+   }
+   std::string out;
+   for (const char* at = it + 1; at != end;) {
+      const char character = *at++;
+      if (character == '"') {
+         it = at;
+         return out;
+      }
+      out += character == '\\' ? unescaped(at, end) : character;
+   }
+   throwRangeException("a quoted text without its closing quote");
+}
+
+} // namespace Vel

@@ -1,0 +1,103 @@
+// Tracing: named handles whose levels are switched on and off by name, and messages that are
+// composed only for a level that is on.
+#pragma once
+
+#include <Vel/String8.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <streambuf>
+#include <string>
+#include <string_view>
+
+namespace Vel {
+
+// The process-wide switches and the place where messages go. Activity thread only, but handles may
+// be made and enabled levels asked for on any thread; nothing here takes a lock.
+class VEL_EXPORT TraceFacility {
+ public:
+   using FacilityLevel = unsigned; // 0 to 63
+   using Sink = std::function<void(std::string_view handle, int level, std::string_view file,
+                                   int line, std::string_view function, std::string_view text)>;
+
+   // Switches one level of the handles of that name, those to come included. RangeException for a
+   // level above 63.
+   static void levelEnabledIs(std::string_view handle, FacilityLevel level, bool enabled);
+   static bool levelEnabled(std::string_view handle, FacilityLevel level);
+   // Where messages go; an empty sink restores the default, which writes one line a message to
+   // standard error with control characters escaped. What a sink throws is dropped.
+   static void sinkIs(Sink sink);
+};
+
+// One library's or program's way into tracing, usually a function-local static.
+class VEL_EXPORT TraceHandle {
+ public:
+   // All levels are on from the start when allEnabled is true.
+   TraceHandle(String8 name, bool allEnabled);
+   ~TraceHandle() {} // inline and empty: the switches belong to the facility, which never ends
+
+   const String8& name() const noexcept;
+   bool levelEnabled(TraceFacility::FacilityLevel level) const noexcept;
+
+   struct Switches; // of one name, made once and kept for the process
+
+ private:
+   Switches* switches_;
+};
+
+// One message while it is being composed, in storage of the caller's; ended by
+// EnsureTraceHelperIsDestroyed.
+class VEL_EXPORT TraceHelper {
+ public:
+   TraceHelper(const TraceHelper&) = delete;
+   TraceHelper& operator=(const TraceHelper&) = delete;
+
+   // Builds a helper in the storage (of a TraceHelper's size and alignment), or returns null when
+   // the handle doesn't trace at the level.
+   static TraceHelper* createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
+                                       void* storage);
+
+   std::ostream& stream() noexcept { return stream_; } // has the classic locale
+   // Sends the message to the sink. A sink that fails changes nothing for the caller.
+   void trace(const char* file, int line, const char* function) noexcept;
+
+ private:
+   friend class EnsureTraceHelperIsDestroyed;
+
+   class Buffer : public std::streambuf {
+    public:
+      std::string text;
+
+    protected:
+      int_type overflow(int_type character) override;
+      std::streamsize xsputn(const char* characters, std::streamsize count) override;
+   };
+
+   TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level);
+   ~TraceHelper();
+
+   TraceHandle& handle_;
+   TraceFacility::FacilityLevel level_;
+   Buffer buffer_;
+   std::ostream stream_;
+};
+
+// Ends a helper when it goes out of scope, also when composing the message throws.
+class EnsureTraceHelperIsDestroyed {
+ public:
+   explicit EnsureTraceHelperIsDestroyed(TraceHelper* helper) noexcept : helper_(helper) {}
+   EnsureTraceHelperIsDestroyed(const EnsureTraceHelperIsDestroyed&) = delete;
+   EnsureTraceHelperIsDestroyed& operator=(const EnsureTraceHelperIsDestroyed&) = delete;
+   ~EnsureTraceHelperIsDestroyed() {
+      if (helper_ != nullptr) {
+         helper_->~TraceHelper();
+      }
+   }
+
+ private:
+   TraceHelper* helper_;
+};
+
+} // namespace Vel

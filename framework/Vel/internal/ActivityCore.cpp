@@ -1,0 +1,375 @@
+#include <Vel/Exception.h>
+#include <Vel/internal/ActivityCore.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <limits>
+#include <unistd.h>
+#include <utility>
+
+namespace Vel {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The time that a call may still wait; -1 for ever.
+class Deadline {
+ public:
+   explicit Deadline(std::int64_t ms) : ms_(ms) {
+      if (ms > 0) {
+         end_ = Clock::now() + std::chrono::milliseconds(ms);
+      }
+   }
+   std::int64_t leftMs() const {
+      if (ms_ <= 0) {
+         return ms_;
+      }
+      // Rounded up: a wait that ends early would be followed by a busy rest.
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now());
+      return std::max<std::int64_t>(left.count(), 0);
+   }
+
+ private:
+   std::int64_t ms_;
+   Clock::time_point end_{};
+};
+
+std::uint64_t packed(int descriptor, std::uint32_t serial) {
+   return static_cast<std::uint64_t>(serial) << 32 | static_cast<std::uint32_t>(descriptor);
+}
+
+std::uint64_t taggedOwner(std::uint32_t tag) { return static_cast<std::uint64_t>(tag) << 1 | 1; }
+
+} // namespace
+
+// ---- which process this is ----
+
+void ActivityCore::leaveParent() noexcept {
+   mark_.renew();
+   // The set, the pidfds and the pipes of the parent's children are open here too, as far as the
+   // child was let keep them. They are left alone: the kernel shares what they stand for, and
+   // their numbers may long be something else's.
+   pollSet_ = -1;
+   next_ = end_ = 0;
+   batchOpen_ = false;
+   wakeups_ = {0, 0};
+   table_.forEach([](int, DescriptorPlace& place) {
+      place.events = 0;
+      FileDescriptor* const object = place.object();
+      if (object == nullptr || (object->settings_ & FileDescriptor::childPipeSetting) != 0) {
+         place.vacate();
+         if (object != nullptr) {
+            object->forget();
+         }
+      }
+   });
+   if (children_ != nullptr) {
+      children_->onFork();
+   }
+}
+
+// ---- who owns which descriptor ----
+
+bool ActivityCore::fd(int descriptor) noexcept {
+   adoptProcess();
+   const DescriptorPlace* const place = table_.find(descriptor);
+   return descriptor >= 0 && (descriptor == pollSet_ || (place != nullptr && place->owner != 0));
+}
+
+void ActivityCore::ownerIs(int descriptor, FileDescriptor* object) {
+   ownerIs(descriptor, reinterpret_cast<std::uintptr_t>(object));
+}
+
+void ActivityCore::ownerIs(int descriptor, std::uint32_t tag) {
+   ownerIs(descriptor, taggedOwner(tag));
+}
+
+void ActivityCore::ownerIs(int descriptor, std::uintptr_t owner) {
+   adoptProcess();
+   DescriptorPlace& place = table_.make(descriptor);
+   fdDel(descriptor);
+   place.owner = owner;
+}
+
+void ActivityCore::tagIs(int descriptor, std::uint32_t tag) noexcept {
+   if (DescriptorPlace* const place = table_.find(descriptor)) {
+      place->owner = taggedOwner(tag);
+   }
+}
+
+void ActivityCore::forgotten(std::uintptr_t owner) noexcept {
+   const DescriptorPlace had{.owner = owner};
+   if (FileDescriptor* const object = had.object()) {
+      object->forget();
+      if ((object->settings_ & FileDescriptor::childPipeSetting) != 0) {
+         children_->onPipeForgotten();
+      }
+   } else {
+      children_->onForgotten(had.tag());
+   }
+}
+
+void ActivityCore::fdDel(int descriptor) noexcept {
+   adoptProcess();
+   if (descriptor == pollSet_ && descriptor >= 0) {
+      forgetPollSet();
+      return;
+   }
+   DescriptorPlace* const place = table_.find(descriptor);
+   if (place == nullptr || place->owner == 0) {
+      return;
+   }
+   const std::uintptr_t owner = place->owner;
+   release(descriptor);
+   forgotten(owner);
+}
+
+int ActivityCore::fdDelUnless(bool (*kept)(int, const void*), const void* context) noexcept {
+   adoptProcess();
+   int end = pollSet_ + 1;
+   if (pollSet_ >= 0 && !kept(pollSet_, context)) {
+      forgetPollSet();
+   }
+   table_.forEach([&](int descriptor, DescriptorPlace&) {
+      end = std::max(end, descriptor + 1);
+      if (!kept(descriptor, context)) {
+         fdDel(descriptor);
+      }
+   });
+   return end;
+}
+
+void ActivityCore::release(int descriptor) noexcept {
+   adoptProcess();
+   DescriptorPlace* const place = table_.find(descriptor);
+   if (place == nullptr || place->owner == 0) {
+      return;
+   }
+   // Removed before it is closed: where a child has a copy, closing alone would leave it in.
+   if (place->events != 0) {
+      control(EPOLL_CTL_DEL, descriptor, 0);
+   }
+   place->vacate();
+}
+
+// ---- the poll set ----
+
+int ActivityCore::pollSet() {
+   adoptProcess();
+   if (pollSet_ < 0) {
+      pollSet_ = ::epoll_create1(EPOLL_CLOEXEC);
+      if (pollSet_ < 0) {
+         throwSystemException("no poll set", errno);
+      }
+      fillPollSet();
+   }
+   return pollSet_;
+}
+
+// What was watched before the set was lost, or inherited from the parent, goes into the new one.
+void ActivityCore::fillPollSet() {
+   table_.forEach([this](int descriptor, DescriptorPlace& place) {
+      FileDescriptor* const object = place.object();
+      const std::uint32_t wanted = object != nullptr ? object->wantedEvents() : 0;
+      if (wanted == 0 || place.events != 0) {
+         return;
+      }
+      const int error = control(EPOLL_CTL_ADD, descriptor, wanted);
+      if (error == 0) {
+         place.events = wanted;
+      } else if (error != EBADF && error != EPERM) { // closed by somebody: nothing to wait for
+         throwSystemException("a descriptor can't be watched", error);
+      }
+   });
+}
+
+void ActivityCore::forgetPollSet() noexcept {
+   pollSet_ = -1;
+   next_ = end_ = 0; // a fresh set yields again what these were
+   table_.forEach([](int, DescriptorPlace& place) { place.events = 0; });
+   if (children_ != nullptr) {
+      children_->onPollSetLost();
+   }
+}
+
+int ActivityCore::control(int operation, int descriptor, std::uint32_t events) noexcept {
+   const DescriptorPlace* const place = table_.find(descriptor);
+   epoll_event event{};
+   event.events = events;
+   event.data.u64 = packed(descriptor, place->serial);
+   return ::epoll_ctl(pollSet_, operation, descriptor, &event) == 0 ? 0 : errno;
+}
+
+void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
+   adoptProcess();
+   DescriptorPlace* const place = table_.find(descriptor);
+   if (place == nullptr || place->events == events) {
+      return;
+   }
+   if (events == 0) {
+      control(EPOLL_CTL_DEL, descriptor, 0);
+      place->events = 0;
+      return;
+   }
+   pollSet(); // may be new, and then has what this object wants already
+   if (place->events == events) {
+      return;
+   }
+   int error = control(place->events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, descriptor, events);
+   if (error == EEXIST) { // it went in under an owner that is gone
+      error = control(EPOLL_CTL_MOD, descriptor, events);
+   }
+   if (error != 0) {
+      throwSystemException("a descriptor can't be watched", error);
+   }
+   place->events = events;
+}
+
+int ActivityCore::pollFd() {
+   const int set = pollSet();
+   if (children_ != nullptr) {
+      children_->onBeforeWait();
+   }
+   return set;
+}
+
+// ---- waiting and delivering ----
+
+int ActivityCore::runOnce(int timeoutMs) {
+   adoptProcess();
+   const std::uint64_t deliveriesBefore = deliveries_;
+   const std::uint64_t claimedBefore = claimed_;
+   const auto mine = [&] { return deliveries_ - deliveriesBefore - (claimed_ - claimedBefore); };
+   const Deadline deadline(timeoutMs);
+   std::int64_t left = timeoutMs;
+   do {
+      if (next_ == end_) {
+         fetch(left);
+      }
+      deliverFetched();
+      left = deadline.leftMs();
+   } while (mine() == 0 && left != 0);
+   const std::uint64_t made = mine();
+   claimed_ += made;
+   return static_cast<int>(made);
+}
+
+void ActivityCore::run() {
+   bool stopped = false;
+   bool* const outer = std::exchange(stopped_, &stopped);
+   const struct Restore {
+      bool*& innermost;
+      bool* outer;
+      ~Restore() { innermost = outer; }
+   } restore{stopped_, outer};
+   while (!stopped) {
+      runOnce(-1);
+   }
+}
+
+void ActivityCore::stop() noexcept {
+   if (stopped_ != nullptr) {
+      *stopped_ = true;
+   }
+}
+
+void ActivityCore::fetch(std::int64_t waitMs) {
+   closeBatch();
+   pollSet();
+   int pause = -1;
+   if (children_ != nullptr) {
+      children_->onBeforeWait();
+      pause = children_->pauseMs();
+   }
+   const bool pauseFirst = pause >= 0 && (waitMs < 0 || pause <= waitMs);
+   next_ = end_ = 0;
+   end_ = wait(pauseFirst ? pause : waitMs);
+   if (end_ > 0) {
+      ++wakeups_.total;
+      batchOpen_ = true;
+      deliveredBefore_ = deliveries_;
+   } else if (pauseFirst) {
+      children_->onPause();
+   }
+}
+
+int ActivityCore::wait(std::int64_t waitMs) {
+   const Deadline deadline(waitMs);
+   bool replaced = false;
+   for (;;) {
+      const auto left = std::min<std::int64_t>(deadline.leftMs(), std::numeric_limits<int>::max());
+      const int count = ::epoll_wait(pollSet_, fetched_.data(), static_cast<int>(fetched_.size()),
+                                     static_cast<int>(left));
+      if (count >= 0) {
+         return count;
+      }
+      const int error = errno;
+      if ((error == EBADF || error == EINVAL) && !replaced) {
+         // Somebody closed it, and the number may be another's by now: a fresh one, once.
+         replaced = true;
+         forgetPollSet();
+         pollSet();
+         if (children_ != nullptr) {
+            children_->onBeforeWait();
+         }
+      } else if (error != EINTR) {
+         throwSystemException("waiting for events failed", error);
+      }
+   }
+}
+
+void ActivityCore::deliverFetched() {
+   // What an exception leaves undelivered goes back to the kernel, where pollFd shows it.
+   const struct ArmAgain {
+      ActivityCore& core;
+      ~ArmAgain() { core.armAgain(); }
+   } armAgain{*this};
+   while (next_ != end_) {
+      // Copied and counted off first: a run within the handler goes on behind it, and a child that
+      // comes out of the handler must not deliver what its parent has fetched.
+      const epoll_event event = fetched_[static_cast<std::size_t>(next_++)];
+      deliver(event);
+      adoptProcess();
+   }
+}
+
+void ActivityCore::deliver(const epoll_event& event) {
+   const auto descriptor = static_cast<int>(event.data.u64 & 0xffffffff);
+   const DescriptorPlace* const place = table_.find(descriptor);
+   if (place == nullptr || place->events == 0 ||
+       packed(descriptor, place->serial) != event.data.u64) {
+      return; // forgotten since; the number may be another's
+   }
+   if (FileDescriptor* const object = place->object()) {
+      object->deliver(event.events);
+   } else {
+      children_->onEvent(place->tag(), event.events);
+   }
+}
+
+void ActivityCore::closeBatch() noexcept {
+   if (batchOpen_) {
+      batchOpen_ = false;
+      wakeups_.empty += deliveries_ == deliveredBefore_ ? 1 : 0;
+   }
+}
+
+// Modifying a registration makes the kernel look again, which brings back an edge that was fetched
+// and not delivered. Nothing is left to arm when all was delivered.
+void ActivityCore::armAgain() noexcept {
+   adoptProcess();
+   for (; next_ != end_; ++next_) {
+      const epoll_event& event = fetched_[static_cast<std::size_t>(next_)];
+      const auto descriptor = static_cast<int>(event.data.u64 & 0xffffffff);
+      const DescriptorPlace* const place = table_.find(descriptor);
+      if (place != nullptr && place->events != 0 &&
+          packed(descriptor, place->serial) == event.data.u64) {
+         control(EPOLL_CTL_MOD, descriptor, place->events);
+      }
+   }
+   closeBatch();
+}
+
+} // namespace Vel

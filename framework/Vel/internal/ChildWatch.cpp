@@ -1,0 +1,416 @@
+#include <Vel/Exception.h>
+#include <Vel/internal/ChildWatch.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <new>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+namespace Vel {
+
+namespace {
+
+constexpr std::uint32_t timerTag = 0x7fffffff;
+constexpr int longestPause = 1000;
+constexpr int shortestPause = 1;
+constexpr int pauseGrowth = 4;
+constexpr int askedAtOnce = 256; // in one round, so that none takes long
+
+std::int64_t nowMs() {
+   using namespace std::chrono;
+   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+} // namespace
+
+ChildWatch::ChildWatch() : core_(ActivityCore::instance()) { core_.childEventsIs(this); }
+
+ChildWatch& ChildWatch::instance() {
+   // Never destroyed: the program's static objects may end later and have children.
+   alignas(ChildWatch) static std::byte storage[sizeof(ChildWatch)];
+   static auto* const watch = ::new (static_cast<void*>(storage)) ChildWatch;
+   watch->core_.adoptProcess();
+   return *watch;
+}
+
+// ---- places ----
+
+void ChildWatch::forkedReserve() {
+   if (children_.size() == children_.capacity()) {
+      children_.reserve(std::max<std::size_t>(16, 2 * children_.size()));
+   }
+}
+
+void ChildWatch::forkedIs(int pid) noexcept {
+   // Whoever else is asked for by this number has been reaped by other code, or fork could not
+   // have given the number out again. From now on waiting by number would take the wrong one.
+   for (std::uint32_t at = 0; askedCount_ != 0 && at < children_.size(); ++at) {
+      Place& stale = children_[at];
+      if (stale.pid == pid && stale.pidfd < 0) {
+         stale.gone = true;
+         stale.ours = false;
+         pauseIs(shortestPause);
+      }
+   }
+   children_.push_back({.siginfo = nullptr, .pid = pid, .forked = true, .unsettled = true});
+   ++unwatchedCount_;
+   unsettled_ = true;
+}
+
+// The place of a child that waits for a siginfo, or a new one.
+std::uint32_t ChildWatch::placeFor(ChildSiginfo& siginfo) {
+   if (unwatchedCount_ != 0) {
+      // From the back: it is nearly always the child that has just been forked.
+      for (auto at = static_cast<std::uint32_t>(children_.size()); at-- > 0;) {
+         Place& place = children_[at];
+         if (place.siginfo == nullptr && place.pid == siginfo.pid() && !place.gone) {
+            place.siginfo = &siginfo;
+            --unwatchedCount_;
+            return at;
+         }
+      }
+   }
+   forkedReserve();
+   children_.push_back({.siginfo = &siginfo, .pid = siginfo.pid()});
+   return static_cast<std::uint32_t>(children_.size() - 1);
+}
+
+bool ChildWatch::watch(ChildSiginfo& siginfo, bool pipeWatched) {
+   if (siginfo.place_ == ChildSiginfo::noPlace) {
+      siginfo.place_ = placeFor(siginfo);
+   }
+   open(siginfo.place_);
+   const Place& place = children_[siginfo.place_];
+   if (pipeWatched || place.watched || (place.asked && timerServes())) {
+      return true;
+   }
+   leave(siginfo);
+   return false;
+}
+
+void ChildWatch::leave(ChildSiginfo& siginfo) noexcept {
+   const std::uint32_t at = siginfo.place_;
+   if (at == ChildSiginfo::noPlace) {
+      return;
+   }
+   siginfo.place_ = ChildSiginfo::noPlace;
+   Place& place = children_[at];
+   place.siginfo = nullptr;
+   ++unwatchedCount_;
+   if (!place.forked) {
+      drop(at);
+   } else if (!place.watched) {
+      place.unsettled = true;
+      unsettled_ = true;
+   }
+}
+
+void ChildWatch::drop(std::uint32_t at) noexcept {
+   Place& place = children_[at];
+   closePidfd(place);
+   askedIs(place, false);
+   if (place.siginfo != nullptr) {
+      place.siginfo->place_ = ChildSiginfo::noPlace;
+   } else {
+      --unwatchedCount_;
+   }
+   // The last one moves here, and what knows its place is told.
+   const Place last = children_.back();
+   children_.pop_back();
+   if (at < children_.size()) {
+      children_[at] = last;
+      if (last.siginfo != nullptr) {
+         last.siginfo->place_ = at;
+      }
+      if (last.pidfd >= 0) {
+         core_.tagIs(last.pidfd, at);
+      }
+   }
+}
+
+void ChildWatch::closePidfd(Place& place) noexcept {
+   if (place.pidfd >= 0) {
+      core_.release(place.pidfd);
+      ::close(place.pidfd);
+      place.pidfd = -1;
+   }
+   place.watched = false;
+}
+
+// ---- starting to watch ----
+
+// Watches by pidfd as far as that goes; otherwise a child of ours is asked after.
+void ChildWatch::open(std::uint32_t at) noexcept {
+   Place& place = children_[at];
+   place.unsettled = false;
+   if (!place.watched && place.ours && !place.gone && !openPidfd(at)) {
+      place.ours = place.ours && (place.pidfd >= 0 || pidIsOurChild(place.pid));
+   }
+   askedIs(place, (place.ours && !place.watched) || place.gone);
+   if (place.asked && pause_ == 0) {
+      pauseIs(longestPause);
+   }
+}
+
+bool ChildWatch::openPidfd(std::uint32_t at) noexcept {
+   Place& place = children_[at];
+   if (place.pidfd < 0) {
+      if (pidfdsRefused_ || place.pid <= 0) {
+         return false;
+      }
+      const int pidfd = pidfdOpen(place.pid);
+      if (pidfd < 0) {
+         pidfdsRefused_ = errno == ENOSYS || errno == EPERM || errno == EACCES;
+         return false;
+      }
+      const Ours ours = pidfdIsOurChild(pidfd);
+      if (ours != Ours::yes) {
+         ::close(pidfd);
+         pidfdsRefused_ = ours == Ours::unknown;
+         place.ours = ours != Ours::no; // a stranger's status is not ours to ask for
+         return false;
+      }
+      place.pidfd = pidfd;
+   }
+   try {
+      if (!core_.fd(place.pidfd)) {
+         core_.ownerIs(place.pidfd, at);
+      }
+      core_.eventsIs(place.pidfd, EPOLLIN | EPOLLET);
+      place.watched = true;
+   } catch (const std::exception&) {
+      // No memory, or no room in the poll set: the pidfd still serves for waiting.
+   }
+   return place.watched;
+}
+
+void ChildWatch::settle() noexcept {
+   if (!unsettled_) {
+      return;
+   }
+   unsettled_ = false;
+   if (timer_ < 0 && pause_ != 0) {
+      pauseIs(pause_);
+   }
+   for (std::uint32_t at = 0; at < children_.size(); ++at) {
+      Place& place = children_[at];
+      const bool pipeLost =
+         !place.ours && place.siginfo != nullptr &&
+         (!place.siginfo->childPipe() || place.siginfo->childPipe()->descriptor() < 0);
+      if (pipeLost && !place.gone) {
+         place.gone = true; // a stranger of whom nothing can be heard any more
+         place.unsettled = true;
+      }
+      if (place.unsettled) {
+         open(at);
+      }
+      if (place.siginfo == nullptr && !place.ours) {
+         drop(at--); // reaped by other code before it could be watched: nobody wants to know
+      } else if (place.gone) {
+         pauseIs(shortestPause);
+      }
+   }
+}
+
+void ChildWatch::onForgotten(std::uint32_t tag) noexcept {
+   if (tag == timerTag) {
+      timer_ = -1;
+   } else {
+      Place& place = children_[tag];
+      place.pidfd = -1;
+      place.watched = false;
+      place.unsettled = true;
+   }
+   unsettled_ = true;
+}
+
+void ChildWatch::onPollSetLost() noexcept {
+   for (Place& place : children_) {
+      place.unsettled = place.unsettled || place.watched;
+      place.watched = false;
+   }
+   if (timer_ >= 0) {
+      core_.release(timer_);
+      ::close(timer_);
+      timer_ = -1;
+   }
+   unsettled_ = true;
+}
+
+void ChildWatch::onFork() noexcept {
+   for (const Place& place : children_) {
+      if (place.siginfo != nullptr) {
+         place.siginfo->place_ = ChildSiginfo::noPlace;
+      }
+   }
+   children_.clear();
+   unwatchedCount_ = askedCount_ = cursor_ = 0;
+   unsettled_ = false;
+   timer_ = -1;
+   pause_ = 0;
+}
+
+// ---- learning of the end ----
+
+Ended ChildWatch::ask(Place& place, ProcessStatus& status) noexcept {
+   Ended ended = Ended::no;
+   if (place.pidfd >= 0) {
+      ended = pidfdWait(place.pidfd, status);
+   } else if (place.ours) {
+      ended = pidWait(place.pid, status);
+   }
+   return ended == Ended::no && place.gone ? Ended::lost : ended;
+}
+
+void ChildWatch::onEvent(std::uint32_t tag, std::uint32_t) {
+   if (tag == timerTag) {
+      std::uint64_t expirations = 0;
+      // Its value is of no interest; that it doesn't block is.
+      [[maybe_unused]] const ssize_t got = ::read(timer_, &expirations, sizeof expirations);
+      onPause();
+      return;
+   }
+   ProcessStatus status;
+   conclude(tag, ask(children_[tag], status), status);
+}
+
+void ChildWatch::pipeEnded(ChildSiginfo& siginfo) {
+   const std::uint32_t at = siginfo.place_;
+   if (at == ChildSiginfo::noPlace || children_[at].watched) {
+      return; // the pidfd decides
+   }
+   Place& place = children_[at];
+   place.gone = place.gone || !place.ours;
+   ProcessStatus status;
+   const Ended ended = ask(place, status);
+   if (ended == Ended::no) {
+      pauseIs(shortestPause); // usually a moment before it can be waited for
+   }
+   conclude(at, ended, status);
+}
+
+void ChildWatch::conclude(ChildSiginfo& siginfo) {
+   if (siginfo.place_ != ChildSiginfo::noPlace) {
+      Place& place = children_[siginfo.place_];
+      place.gone = true;
+      place.ours = false; // its number is another process's now
+      ProcessStatus status;
+      conclude(siginfo.place_, ask(place, status), status);
+   }
+}
+
+// The child leaves the table, and its descriptors are closed, before anybody hears of the end.
+void ChildWatch::conclude(std::uint32_t at, Ended ended, const ProcessStatus& status) {
+   if (ended == Ended::no) {
+      return;
+   }
+   const Ptr<ChildSiginfo> siginfo(children_[at].siginfo); // whoever hears may drop the rest
+   drop(at);
+   if (!siginfo) {
+      return; // reaped, which is all that was left to do
+   }
+   core_.deliveryMade();
+   if (ended == Ended::lost) {
+      siginfo->endIs({ChildSiginfo::lost, 0, false, ChildSiginfo::unknown});
+   } else {
+      siginfo->endIs({status.exited ? ChildSiginfo::exited : ChildSiginfo::killed, status.value,
+                      status.coreDumped,
+                      status.recovered ? ChildSiginfo::recovered : ChildSiginfo::reaped});
+   }
+}
+
+bool ChildWatch::signal(const ChildSiginfo& siginfo, int number) {
+   if (siginfo.place_ == ChildSiginfo::noPlace) {
+      return false;
+   }
+   const Place& place = children_[siginfo.place_];
+   int error = ESRCH;
+   if (place.pidfd >= 0) {
+      error = pidfdSignal(place.pidfd, number);
+   }
+   if (place.ours && (place.pidfd < 0 || error == ENOSYS)) {
+      error = pidSignal(place.pid, number);
+   }
+   if (error != 0 && error != ESRCH) {
+      throwSystemException("a signal can't be sent", error);
+   }
+   return error == 0;
+}
+
+// ---- asking in pauses ----
+
+void ChildWatch::askedIs(Place& place, bool asked) noexcept {
+   askedCount_ += static_cast<std::uint32_t>(asked) - static_cast<std::uint32_t>(place.asked);
+   place.asked = asked;
+}
+
+// Starts a pause, unless one is running that ends before.
+void ChildWatch::pauseIs(int ms) noexcept {
+   const std::int64_t end = nowMs() + ms;
+   if (pause_ != 0 && pauseEnd_ <= end && timer_ >= 0) {
+      return;
+   }
+   pause_ = ms;
+   pauseEnd_ = end;
+   if (timer_ < 0) {
+      timer_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+      if (timer_ < 0) {
+         return; // then the loop's own wait is cut short
+      }
+      try {
+         core_.ownerIs(timer_, timerTag);
+         core_.eventsIs(timer_, EPOLLIN);
+      } catch (const std::exception&) {
+         core_.release(timer_);
+         ::close(timer_);
+         timer_ = -1;
+         return;
+      }
+   }
+   itimerspec time{};
+   time.it_value = {.tv_sec = ms / 1000, .tv_nsec = ms % 1000 * 1'000'000L};
+   ::timerfd_settime(timer_, 0, &time, nullptr);
+}
+
+int ChildWatch::pauseMs() const noexcept {
+   if (pause_ == 0 || timer_ >= 0) {
+      return -1;
+   }
+   return static_cast<int>(std::max<std::int64_t>(pauseEnd_ - nowMs(), 0));
+}
+
+bool ChildWatch::timerServes() noexcept { return timer_ >= 0; }
+
+void ChildWatch::onPause() {
+   const int previous = std::exchange(pause_, 0);
+   if (askedCount_ == 0) {
+      cursor_ = 0;
+      return;
+   }
+   // The next pause is fixed first: what is concluded below may throw.
+   const bool longer = askedCount_ <= askedAtOnce;
+   pauseIs(longer ? std::min(previous * pauseGrowth, longestPause) : shortestPause);
+   for (int asked = 0; asked < askedAtOnce && cursor_ < children_.size();) {
+      Place& place = children_[cursor_];
+      if (!place.asked) {
+         ++cursor_;
+         continue;
+      }
+      ++asked;
+      ProcessStatus status;
+      const Ended ended = ask(place, status);
+      if (ended == Ended::no) {
+         ++cursor_;
+      } else {
+         conclude(cursor_, ended, status); // another child has its place now
+      }
+   }
+   if (cursor_ >= children_.size()) {
+      cursor_ = 0;
+   }
+}
+
+} // namespace Vel

@@ -1,0 +1,59 @@
+// Who owns which descriptor, by number.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Vel {
+
+class FileDescriptor;
+
+// One descriptor number. Its owner is a descriptor object, or the watch of children with a tag
+// of its choice.
+struct DescriptorPlace {
+   std::uintptr_t owner = 0; // 0: none; low bit set: the tag; else the descriptor object
+   std::uint32_t serial = 0; // another one for each owner: tells a fetched event that it is late
+   std::uint32_t events = 0; // what the poll set watches it for; 0: it is not in there
+
+   bool tagged() const noexcept { return (owner & 1) != 0; }
+   std::uint32_t tag() const noexcept { return static_cast<std::uint32_t>(owner >> 1); }
+   FileDescriptor* object() const noexcept {
+      return tagged() ? nullptr : reinterpret_cast<FileDescriptor*>(owner);
+   }
+   void vacate() noexcept {
+      owner = 0;
+      events = 0;
+      ++serial;
+   }
+};
+
+// Places by number, in pages that come with the first owner in them and stay. Looking up is O(1).
+class DescriptorTable {
+ public:
+   DescriptorPlace* find(int descriptor) noexcept;
+   DescriptorPlace& make(int descriptor); // throws bad_alloc, and changes nothing then
+   int end() const noexcept { return static_cast<int>(pages_.size() * pageSize); }
+
+   // For every place with an owner: visit(number, place).
+   template <class Visit> void forEach(Visit&& visit) {
+      for (int descriptor = 0; descriptor < end(); ++descriptor) {
+         DescriptorPlace* const place = find(descriptor);
+         if (place == nullptr) {
+            descriptor |= pageSize - 1; // no page: on to the next one
+         } else if (place->owner != 0) {
+            visit(descriptor, *place);
+         }
+      }
+   }
+
+ private:
+   static constexpr int pageSize = 64;
+   struct Page {
+      DescriptorPlace places[pageSize];
+   };
+   std::vector<std::unique_ptr<Page>> pages_;
+};
+
+} // namespace Vel

@@ -1,0 +1,107 @@
+// Starting a child.
+#include <Zor/ChildProcessTracker.h>
+#include <Zor/internal/TrackerTrace.h>
+
+#include <cerrno>
+#include <unistd.h>
+
+namespace Zor {
+
+using Sm = ChildProcessTrackerSm;
+
+namespace {
+
+constexpr const char* signature =
+   "virtual S32 Zor::ChildProcessTrackerSm::forkChild(Vel::String, void (* const&)"
+   "(Zor::ChildProcessInitCallbackContext), void* const&, const Ptr&)";
+
+struct StatusPipe {
+   int read;
+   int write;
+};
+
+// In the new process. Only the thread that forked exists here: no lock may be waited for that
+// another thread of the parent may hold, and what is shared with the parent is left alone.
+void runChild(const StatusPipe& pipe, void (*fn)(ChildProcessInitCallbackContext), void* arg,
+              const Vel::Ptr<ChildProcessTrackerCloseFdsContext>& closeFdsContext) {
+   if (fn != nullptr) {
+      fn(arg);
+   }
+   if (closeFdsContext) {
+      closeFdsContext->skipFdIs(pipe.write, true);
+      childProcessTrackerCloseFds(closeFdsContext);
+   }
+}
+
+// Whatever becomes of its registration, the child is the framework's to reap.
+class ForkedChild {
+ public:
+   explicit ForkedChild(int pid) noexcept { Vel::ChildSiginfo::forkedIs(pid); }
+   ForkedChild(const ForkedChild&) = delete;
+   ForkedChild& operator=(const ForkedChild&) = delete;
+   ~ForkedChild() { Vel::ChildSiginfo::forkedSettle(); }
+};
+
+// Removes a record whose number fork has just given to another process. Its end, when that is
+// not recorded yet, is accounted for as far as it can still be learned.
+void forgetStale(Sm& tracker, int pid, Vel::FirstException& first) {
+   const Vel::Ptr<ChildProcess> stale(tracker.process(pid)); // the hook may forget it
+   if (!stale) {
+      return;
+   }
+   if (const Vel::Ptr<Vel::ChildSiginfo> siginfo = stale->siginfo()) {
+      first.run([&] { siginfo->conclude(); });
+   }
+   if (tracker.process(pid) == stale.get()) {
+      first.run([&] { tracker.processDel(pid); });
+   }
+}
+
+void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) {
+   const ForkedChild forked(pid);
+   Vel::FirstException fromStale; // thrown only when the new child is safe
+   forgetStale(tracker, pid, fromStale);
+   const bool known = tracker.process(pid) != nullptr;
+   try {
+      tracker.processIs(pid, name, readEnd);
+   } catch (...) {
+      if (!Vel::ActivityImplFacility::activityManagerSm()->fd(readEnd)) {
+         ::close(readEnd); // no record has it
+      }
+      throw;
+   }
+   if (known) {
+      ::close(readEnd); // a record that was there before keeps its own
+   }
+   fromStale.rethrow();
+}
+
+} // namespace
+
+S32 Sm::forkChild(Vel::String8 name, void (*const& fn)(ChildProcessInitCallbackContext),
+                  void* const& arg,
+                  const Vel::Ptr<ChildProcessTrackerCloseFdsContext>& closeFdsContext) {
+   trace(63, "forkChild", signature, [&](std::ostream& stream) { stream << name; });
+   const Vel::Ptr<ChildProcessTrackerSm> self(this); // a hook may drop every other handle on it
+   Vel::ChildSiginfo::forkedReserve();
+   int ends[2];
+   if (::pipe(ends) != 0) {
+      return -1;
+   }
+   const StatusPipe pipe{ends[0], ends[1]};
+   const pid_t pid = ::fork();
+   if (pid < 0) {
+      const int error = errno;
+      ::close(pipe.read);
+      ::close(pipe.write);
+      errno = error;
+   } else if (pid == 0) {
+      runChild(pipe, fn, arg, closeFdsContext);
+   } else {
+      ::close(pipe.write);
+      registerChild(*this, pid, name, pipe.read);
+   }
+   return pid;
+}
+
+} // namespace Zor

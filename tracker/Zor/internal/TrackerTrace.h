@@ -1,0 +1,28 @@
+// The tracker's trace messages: one handle, one level, composed only when that is on.
+#pragma once
+
+#include <Vel/Trace.h>
+
+#include <cstddef>
+#include <ostream>
+
+namespace Zor {
+
+// The library's one trace handle, "ChildProcessTracker".
+Vel::TraceHandle& _defaultTraceHandle();
+
+// One message: the emitting operation's signature, a blank, and what body(stream) writes.
+template <class Body>
+void trace(int line, const char* function, const char* signature, const Body& body) {
+   constexpr Vel::TraceFacility::FacilityLevel level = 8;
+   alignas(Vel::TraceHelper) std::byte storage[sizeof(Vel::TraceHelper)];
+   auto* const helper = Vel::TraceHelper::createIfEnabled(_defaultTraceHandle(), level, storage);
+   if (helper == nullptr) {
+      return;
+   }
+   const Vel::EnsureTraceHelperIsDestroyed guard(helper);
+   body(helper->stream() << signature << ' ');
+   helper->trace("ChildProcessTracker", line, function);
+}
+
+} // namespace Zor
