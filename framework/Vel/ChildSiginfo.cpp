@@ -1,9 +1,7 @@
 #include <Vel/Exception.h>
-#include <Vel/VelType.h>
 #include <Vel/internal/ChildWatch.h>
 
 #include <cerrno>
-#include <ostream>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -176,31 +174,5 @@ void ChildSiginfo::NotifieeConst::onExitStatus() {}
 void ChildSiginfo::NotifieeConst::onSignalCode() {}
 void ChildSiginfo::NotifieeConst::onChildPipe() {}
 void ChildSiginfo::NotifieeConst::onChildPipeReactor() {}
-
-std::ostream& operator<<(std::ostream& stream, const ChildSiginfo::SignalCode& code) {
-   switch (code) {
-   case ChildSiginfo::none:
-      return stream << "none";
-   case ChildSiginfo::exited:
-      return stream << "exited";
-   case ChildSiginfo::killed:
-      return stream << "killed";
-   case ChildSiginfo::lost:
-      return stream << "lost";
-   }
-   return stream << static_cast<std::uint32_t>(code);
-}
-
-// ---- the type ----
-
-namespace {
-[[gnu::section(".vel.type")]] constexpr char typeName[] = "Vel::ChildSiginfo";
-} // namespace
-
-constinit const VelType ChildSiginfo::_velType = {.name = typeName,
-                                                  .size = sizeof(ChildSiginfo),
-                                                  .parent = &PtrInterface::_velType,
-                                                  .flags = 0xffff};
-const VelType* ChildSiginfo::fwkType() const { return &_velType; }
 
 } // namespace Vel

@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Vel {
@@ -55,6 +56,11 @@ const VelAttr* findValue(const VelType& type, std::string_view name) {
 void typeNodeIs(const VelType* type) { registry().push_back(type); }
 
 const VelType* typeNode(std::string_view name) {
+   static constexpr std::pair<std::string_view, std::string_view> otherNames[] = {
+      {"S32", "int"}, {"U32", "unsigned int"}, {"Vel::String8", "Vel::String"}};
+   for (const auto& [other, registered] : otherNames) {
+      name = name == other ? registered : name;
+   }
    const Registry& types = registry();
    const auto found = std::find_if(types.rbegin(), types.rend(),
                                    [name](const VelType* type) { return type->name == name; });

@@ -1,6 +1,7 @@
 // Type descriptors: constant records that say of a type, by name, what it has and how to reach it.
 #pragma once
 
+#include <Vel/Notifiee.h>
 #include <Vel/Ptr.h>
 #include <Vel/String8.h>
 
@@ -26,6 +27,15 @@ struct VelArg {
 
 // One attribute of a type, or one value of an enumeration. Eight words, constant data.
 struct VelAttr {
+   static constexpr std::uintptr_t notifyingFlag = 0x80000000;
+   static constexpr std::uintptr_t readOnlyFlag = 0x40000000;
+   static constexpr std::uintptr_t instantiatingFlag = 0x01000000; // written from arguments
+   static constexpr std::uintptr_t entityFlag = 0x00200000;        // its values are entities
+   static constexpr std::uintptr_t functionFlag = 0x00100000;
+   static constexpr std::uintptr_t collectionFlag = 0x00010000;
+
+   bool is(std::uintptr_t flag) const noexcept { return (flags & flag) != 0; }
+
    const char* name;
    std::uintptr_t id; // the numeric value, in an enumeration
    const VelType* owner;
@@ -37,7 +47,18 @@ struct VelAttr {
 };
 
 // One type. Seventeen words, constant data that lives for the whole process.
-struct VelType {
+struct VEL_EXPORT VelType {
+   static constexpr std::uintptr_t enumerationFlag = 0x00100000;
+
+   // Whether it is the other type or derived from it.
+   bool isA(const VelType& other) const noexcept {
+      const VelType* at = this;
+      while (at != nullptr && at != &other) {
+         at = at->parent;
+      }
+      return at != nullptr;
+   }
+
    const char* name = nullptr;
    std::uintptr_t size = 0; // of an object, in bytes
    const VelType* parent = nullptr;
@@ -47,18 +68,22 @@ struct VelType {
    std::uintptr_t flags = 0;
    std::uintptr_t reserved[3] = {};
    // Null where a type has no such operation. isConst: the handle refuses what would change it.
-   Ptr<GenericIf const> (*wrap)(const VelType* type, const void* object, bool isConst) = nullptr;
-   Ptr<GenericIf const> (*fromCtorArgs)(const VelType* type, const GenericArgs& args,
-                                        bool isConst) = nullptr;
-   Ptr<GenericIf const> (*fromStrRep)(const VelType* type, String8::IteratorConst& it,
-                                      const String8::IteratorConst& end) = nullptr;
-   Ptr<GenericIf const> (*attributeOp)(void* object, bool isConst, const AttributeOp& op, void* key,
-                                       void* value, bool* notHandled) = nullptr;
+   Ptr<GenericIf> (*wrap)(const VelType* type, const void* object, bool isConst) = nullptr;
+   Ptr<GenericIf> (*fromCtorArgs)(const VelType* type, const GenericArgs& args,
+                                  bool isConst) = nullptr;
+   Ptr<GenericIf> (*fromStrRep)(const VelType* type, String8::IteratorConst& it,
+                                const String8::IteratorConst& end) = nullptr;
+   Ptr<GenericIf> (*attributeOp)(void* object, bool isConst, const AttributeOp& op, void* key,
+                                 void* value, bool* notHandled) = nullptr;
    void* (*attributeIterator)(void* object, const VelAttr* attr,
                               const AttributeIteratorVTable** table) = nullptr;
    void* (*attributeIteratorKey)(void* object, const VelAttr* attr, void* key,
                                  const AttributeIteratorVTable** table) = nullptr;
-   Ptr<PtrInterface> (*genericNotifiee)(GenericNotifieeConst* notifiee) = nullptr;
+   // A bridge to the generic notifiee, not yet attached to an entity.
+   Ptr<PtrInterface::NotifieeConst> (*genericNotifiee)(GenericNotifieeConst* notifiee) = nullptr;
+
+   // A handle on a plain value, which is copied, or on an entity.
+   Ptr<GenericIf> genericIf(const void* object, bool isConst) const;
 };
 
 static_assert(sizeof(VelAttr) == 8 * sizeof(void*) && sizeof(VelType) == 17 * sizeof(void*));
@@ -67,7 +92,8 @@ static_assert(sizeof(VelAttr) == 8 * sizeof(void*) && sizeof(VelType) == 17 * si
 // descriptor of the same name replaces the first for typeNode. Meant for static initialisers.
 VEL_EXPORT void typeNodeIs(const VelType* type);
 
-// The descriptor registered under the name, or null.
+// The descriptor registered under the name, or null. S32, U32 and Vel::String8 are other names of
+// int, unsigned int and Vel::String.
 VEL_EXPORT const VelType* typeNode(std::string_view name);
 
 // The descriptors of plain values: bool, int, unsigned int, unsigned char, String8 and Name.
