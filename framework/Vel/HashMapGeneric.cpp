@@ -109,9 +109,16 @@ void HashMapGeneric::deleteMember(const Ptr<PtrInterface>& entry) {
 void HashMapGeneric::emptyAllBuckets() {
    // From the heads, one by one: a chain let go at once would end its entries recursively, and an
    // ending entry may change the map.
-   for (std::uint32_t bucket = 0; bucket < bucketCount(); ++bucket) {
-      while (PtrInterface* const head = buckets_[bucket]) {
-         removeFrom(bucket, head);
+   for (std::uint32_t bucket = 0; bucket < bucketCount();) {
+      PtrInterface* const head = buckets_[bucket];
+      if (head == nullptr) {
+         ++bucket;
+         continue;
+      }
+      const int bits = bucketBits_;
+      removeFrom(bucket, head);
+      if (bits != bucketBits_) { // all chains are elsewhere now
+         bucket = 0;
       }
    }
 }

@@ -1,0 +1,514 @@
+// Starting children: what can go wrong before, at and after the fork, and what a child is left
+// with.
+#include "TrackerFixture.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <fstream>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <locale>
+#include <new>
+#include <sched.h>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+namespace {
+
+using testing::ElementsAre;
+using Vel::String8;
+
+constexpr int cannot = 77; // what the test needs is not to be had here
+
+using Forking = TrackerTest;
+
+// Memory that a child's findings come back in.
+template <class T> class Shared {
+ public:
+   Shared()
+      : found_(::new (::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                             -1, 0)) T{}) {}
+   Shared(const Shared&) = delete;
+   Shared& operator=(const Shared&) = delete;
+   ~Shared() { ::munmap(found_, sizeof(T)); }
+   T& operator*() const { return *found_; }
+
+ private:
+   T* found_;
+};
+
+// What a child has open, by number.
+struct Open {
+   bool is[6000] = {};
+   void look() {
+      for (const int descriptor : openDescriptors()) {
+         is[descriptor] = true;
+      }
+   }
+   std::set<int> set() const {
+      std::set<int> open;
+      for (int at = 0; at < 6000; ++at) {
+         if (is[at]) {
+            open.insert(at);
+         }
+      }
+      return open;
+   }
+};
+
+// The numbers that the ends of the next pipe get.
+struct NextPipe {
+   NextPipe() : read(::dup(1)), write(::dup(1)) {
+      ::close(read);
+      ::close(write);
+   }
+   int read;
+   int write;
+};
+
+void limitIs(rlim_t limit) {
+   rlimit present{};
+   ::getrlimit(RLIMIT_NOFILE, &present);
+   present.rlim_cur = limit;
+   if (::setrlimit(RLIMIT_NOFILE, &present) != 0) {
+      ::_exit(cannot);
+   }
+}
+
+// From here on the system call fails like that in this process.
+void refuse(unsigned number, unsigned error) {
+   sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+   };
+   const sock_fprog program{4, filter};
+   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+       ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+      ::_exit(cannot);
+   }
+}
+
+void hideProc(void* = nullptr) {
+   if (::unshare(CLONE_NEWNS) != 0 ||
+       ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+       ::mount("none", "/proc", "tmpfs", 0, nullptr) != 0) {
+      ::_exit(cannot);
+   }
+}
+
+Vel::Ptr<Context> keeping(const std::set<int>& kept) {
+   const auto context = Vel::newEntity<Context>();
+   for (const int descriptor : kept) {
+      context->skipFdIs(descriptor, true);
+   }
+   return context;
+}
+
+// ---- before and at the fork ----
+
+TEST_F(Forking, WithoutAPipeOrAProcessNothingIsLeftBehind) {
+   struct {
+      const char* what;
+      void (*prepare)();
+      int error;
+   } const rows[] = {
+      {"no descriptor", [] { limitIs(static_cast<rlim_t>(NextPipe().read)); }, EMFILE},
+      {"one descriptor", [] { limitIs(static_cast<rlim_t>(NextPipe().read + 1)); }, EMFILE},
+      {"no process",
+       [] {
+          refuse(SYS_clone, EAGAIN);
+          refuse(SYS_clone3, EAGAIN);
+       },
+       EAGAIN},
+      {"no memory", [] { refuse(SYS_clone, ENOMEM); }, ENOMEM},
+   };
+   for (const auto& row : rows) {
+      SCOPED_TRACE(row.what);
+      const int status = apart([&] {
+         forkBody([] {}); // once before: a sanitizer opens descriptors for what it first sees
+         EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+         const auto before = openDescriptors();
+         row.prepare();
+         errno = 0;
+         const int result = tracker->forkChild("worker", nullptr, nullptr, nullptr);
+         const int error = errno;
+         EXPECT_EQ(result, -1);
+         EXPECT_EQ(error, row.error);
+         EXPECT_EQ(openDescriptors(), before);
+         EXPECT_EQ(tracker->process().members(), 0U);
+      });
+      EXPECT_TRUE(status == 0 || status == cannot) << status;
+   }
+}
+
+TEST_F(Forking, TheInitCallbackSeesEverythingAndMayEndTheChild) {
+   const Shared<Open> open;
+   struct {
+      void (*init)(void*);
+      Siginfo::SignalCode code;
+      int value;
+   } const rows[] = {
+      {[](void* found) { static_cast<Open*>(found)->look(); }, Siginfo::exited, 5},
+      {[](void*) { ::_exit(6); }, Siginfo::exited, 6},
+      {[](void*) { throw std::runtime_error("in the child"); }, Siginfo::exited, 98},
+      {[](void*) { ::raise(SIGKILL); }, Siginfo::killed, 9},
+   };
+   for (const auto& row : rows) {
+      *open = {};
+      const NextPipe next;
+      auto expected = openDescriptors();
+      expected.insert({next.read, next.write});
+      const int pid = forkBody([] { ::_exit(5); }, keeping({}), "worker", row.init, &*open);
+      const Child child(tracker->process(pid));
+      ASSERT_TRUE(runUntil([&] { return tracker->process(pid) == nullptr; }));
+      EXPECT_EQ(child->siginfo()->signalCode(), row.code);
+      EXPECT_EQ(child->siginfo()->exitStatus() + child->siginfo()->exitSignal(), row.value);
+      if (row.value == 5) {
+         EXPECT_EQ((*open).set(), expected);
+      }
+   }
+   EXPECT_EQ(tracker->errorTerminationCount(), 4U);
+}
+
+TEST_F(Forking, NamesKeepTheirBytes) {
+   const std::string signature =
+      "virtual S32 Zor::ChildProcessTrackerSm::forkChild(Vel::String, void (* const&)"
+      "(Zor::ChildProcessInitCallbackContext), void* const&, const Ptr&) ";
+   struct Grouping : std::numpunct<char> {
+      char do_thousands_sep() const override { return ','; }
+      std::string do_grouping() const override { return "\1"; }
+   };
+   const std::locale before =
+      std::locale::global(std::locale(std::locale::classic(), new Grouping));
+   for (const std::string& name : {std::string(), std::string(1 << 20, 'x'), std::string("a\0b", 3),
+                                   std::string("two\nlines"), std::string("%s%n\xff")}) {
+      Calls calls;
+      trace(calls);
+      const int pid = forkBody([] {}, nullptr, name);
+      EXPECT_EQ(std::string(tracker->process(pid)->description()), name);
+      const std::string number = std::to_string(pid);
+      EXPECT_EQ(std::string(tracker->process(pid)->siginfo()->name()), "ChildSiginfo-" + number);
+      ASSERT_TRUE(runUntil([&] { return tracker->process(pid) == nullptr; }));
+      ASSERT_EQ(calls.size(), 3U + 1U);
+      EXPECT_EQ(calls[0],
+                "ChildProcessTracker 8 ChildProcessTracker:63 forkChild " + signature + name);
+      EXPECT_NE(calls[3].find(") " + number + " '" + name + "' exited with status 0"),
+                calls[3].npos);
+   }
+   std::locale::global(before);
+}
+
+// ---- what the child keeps ----
+
+TEST_F(Forking, TheContextSaysWhatTheChildKeeps) {
+   const auto inherited = openDescriptors();
+   const auto [readEnd, writeEnd] = NextPipe();
+   auto everything = inherited;
+   everything.insert({readEnd, writeEnd});
+   auto unkept = keeping({1});
+   unkept->skipFdIs(1, false);
+   const struct {
+      Vel::Ptr<Context> context;
+      std::set<int> open;
+   } rows[] = {
+      {nullptr, everything},
+      {keeping({}), {writeEnd}},
+      {keeping({1}), {1, writeEnd}},
+      {unkept, {writeEnd}},
+      {keeping({readEnd, 5999, -1, std::numeric_limits<int>::max()}), {readEnd, writeEnd}},
+   };
+   for (const auto& row : rows) {
+      const Shared<Open> open;
+      const auto members = row.context ? row.context->skipFd().members() : 0;
+      forkBody([&] { (*open).look(); }, row.context);
+      ASSERT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+      EXPECT_EQ((*open).set(), row.open);
+      if (row.context) {
+         EXPECT_EQ(row.context->skipFd().members(), members);
+         EXPECT_FALSE(row.context->skipFd(writeEnd));
+      }
+   }
+}
+
+TEST_F(Forking, TheContextIsASetThatForgets) {
+   const auto context = keeping({3, 4, 5});
+   context->skipFdIs(4, false);
+   EXPECT_EQ(context->skipFd().members(), 3U);
+   EXPECT_FALSE(context->skipFdDel(4));
+   EXPECT_FALSE(context->skipFdDel(9));
+   EXPECT_TRUE(context->skipFdDel(3));
+   Context::SkipFdMap::Iterator at(&context->skipFd());
+   EXPECT_TRUE(context->skipFdDel(at));
+   at.advance();
+   EXPECT_FALSE(context->skipFdDel(at));
+   context->skipFdIs(6, true);
+   context->skipFdDelAll();
+   EXPECT_EQ(context->skipFd().members(), 0U);
+   EXPECT_FALSE(context->skipFd(6));
+   for (int descriptor = 0; descriptor < 100; ++descriptor) {
+      context->skipFdIs(descriptor, true); // they go with the context, which shrinks meanwhile
+   }
+}
+
+TEST_F(Forking, EveryWayOfClosingClosesTheSame) {
+   struct {
+      const char* what;
+      void (*init)(void*);
+   } const ways[] = {
+      {"listed", nullptr},
+      {"above a lowered limit", [](void*) { limitIs(64); }},
+      {"without /proc", &hideProc},
+      {"no descriptor left", [](void*) { limitIs(0); }},
+      {"without /proc and close_range",
+       [](void*) {
+          hideProc();
+          refuse(SYS_close_range, ENOSYS);
+       }},
+   };
+   const int status = apart([&] {
+      limitIs(6000);
+      for (const int upTo : {105, 5100}) {
+         std::set<int> kept = {1, 2, 100, 101};
+         for (int descriptor = 100; descriptor < upTo; ++descriptor) {
+            ASSERT_EQ(::dup2(2, descriptor), descriptor);
+            if (descriptor % 1000 == 63) {
+               kept.insert(descriptor);
+            }
+         }
+         const auto context = keeping(kept);
+         for (const auto& way : ways) {
+            SCOPED_TRACE(way.what);
+            const Shared<Open> open;
+            auto expected = kept;
+            expected.insert(NextPipe().write);
+            const int pid = forkBody([&] { (*open).look(); }, context, "worker", way.init);
+            const Child child(tracker->process(pid));
+            ASSERT_TRUE(runUntil([&] { return tracker->process(pid) == nullptr; }));
+            if (child->siginfo()->exitStatus() != cannot) {
+               EXPECT_EQ(child->siginfo()->exitStatus(), 0);
+               EXPECT_EQ((*open).set(), expected);
+            }
+         }
+      }
+   });
+   EXPECT_EQ(status, 0);
+}
+
+class Listener : public Vel::FileDescriptor::NotifieeConst {
+ public:
+   void onReadable() override { ++heard; }
+   int heard = 0;
+};
+
+TEST_F(Forking, ClosingTellsTheManagerFirstAndTheProcessGoesOn) {
+   EXPECT_THROW(Zor::childProcessTrackerCloseFds(nullptr), Vel::RangeException);
+   for (void (*way)(void*) : {static_cast<void (*)(void*)>(nullptr), &hideProc}) {
+      const int status = apart([&] {
+         int closedPipe[2];
+         int keptPipe[2];
+         ASSERT_EQ(::pipe(closedPipe) + ::pipe(keptPipe), 0);
+         const auto closed = Vel::newEntity<Vel::FileDescriptor>("closed");
+         const auto kept = Vel::newEntity<Vel::FileDescriptor>("kept");
+         const auto listener = Vel::newEntity<Listener>();
+         closed->descriptorIs(closedPipe[0]);
+         kept->descriptorIs(keptPipe[0]);
+         kept->notifyOnReadableIs(true);
+         listener->notifierIs(kept);
+         listener->isRegisteredNotifieeIs(true);
+         if (way != nullptr) {
+            way(nullptr);
+         }
+         Zor::childProcessTrackerCloseFds(keeping({1, 2, keptPipe[0], keptPipe[1]}));
+         EXPECT_EQ(openDescriptors(), (std::set{1, 2, keptPipe[0], keptPipe[1]}));
+         EXPECT_EQ(closed->descriptor(), -1);
+         EXPECT_EQ(kept->descriptor(), keptPipe[0]);
+         EXPECT_EQ(::write(keptPipe[1], "x", 1), 1);
+         EXPECT_EQ(manager()->runOnce(1000), 1);
+         EXPECT_EQ(listener->heard, 1);
+         EXPECT_EQ(::read(keptPipe[0], closedPipe, 1), 1);
+         forkBody([] {});
+         EXPECT_TRUE(runUntil([&] { return tracker->successfulTerminationCount() == 1; }));
+      });
+      EXPECT_TRUE(status == 0 || (status == cannot && way != nullptr)) << status;
+   }
+}
+
+TEST_F(Forking, StandardDescriptorsMayBeClosedBefore) {
+   const int status = apart([&] {
+      const Shared<Open> open;
+      ::close(0);
+      ::close(1);
+      ::close(2); // the pipe gets 0 and 1
+      forkBody([&] { (*open).look(); }, keeping({1}));
+      EXPECT_TRUE(runUntil([&] { return tracker->successfulTerminationCount() == 1; }));
+      EXPECT_EQ((*open).set(), std::set{1});
+   });
+   EXPECT_EQ(status, 0);
+}
+
+// ---- the child as a user of the library ----
+
+TEST_F(Forking, ChildrenTrackTheirOwnToAnyDepth) {
+   const Shared<int> deepest;
+   std::function<void(int)> descend = [&](int depth) {
+      *deepest = std::max(*deepest, depth);
+      if (depth == 3) {
+         return;
+      }
+      tracker = Zor::newTracker<RudeTracker>(); // the inherited one goes
+      forked.clear();
+      for (int child = 0; child < 3; ++child) {
+         forkBody([&] { descend(depth + 1); }, child == 0 ? keeping({2}) : nullptr);
+      }
+      EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+      EXPECT_EQ(tracker->successfulTerminationCount(), 3U);
+   };
+   descend(0);
+   EXPECT_EQ(*deepest, 3);
+}
+
+TEST_F(Forking, AChildThatDropsItsCopyAndExitsHarmsNobody) {
+   for (int child = 0; child < 20; ++child) {
+      forkBody([] { ::pause(); });
+   }
+   const std::vector<int> siblings = forked;
+   const int pid = forkBody([&] {
+      for (int descriptor = 3; descriptor < 200; ++descriptor) {
+         manager()->fdDel(descriptor);
+      }
+      tracker->processDelAll();
+      tracker = nullptr;
+      manager()->runOnce(0);
+      Zor::childProcessTrackerCloseFds(keeping({1, 2}));
+      std::exit(testing::Test::HasFailure() ? 1 : 0);
+   });
+   EXPECT_TRUE(runUntil([&] { return tracker->process(pid) == nullptr; }));
+   EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
+   EXPECT_EQ(tracker->process().members(), 20U);
+   for (const int sibling : siblings) {
+      ::kill(sibling, SIGTERM);
+   }
+   EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+   EXPECT_EQ(tracker->errorTerminationCount(), 20U);
+}
+
+TEST_F(Forking, SiblingsAreNotTheChilds) {
+   int hooks = 0;
+   tracker->hook = [&](const Child&) { ++hooks; };
+   awaitZombie(forkBody([] { ::_exit(3); }));
+   forkBody([&] {
+      for (int round = 0; round < 3; ++round) {
+         EXPECT_EQ(manager()->runOnce(10), 0);
+      }
+      EXPECT_EQ(hooks, 0);
+      EXPECT_EQ(tracker->errorTerminationCount(), 0U);
+      EXPECT_FALSE(tracker->process(forked[0])->siginfo()->signal(0));
+   });
+   EXPECT_TRUE(runUntil([&] { return hooks == 2; }));
+   EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
+}
+
+// ---- registering ----
+
+TEST_F(Forking, AChildThatHasEndedBeforeIsReportedByTheLoop) {
+   tracker->processIsStarts = [](int pid) { awaitZombie(pid); };
+   const int pid = forkBody([] {});
+   EXPECT_NE(tracker->process(pid), nullptr);
+   EXPECT_EQ(tracker->successfulTerminationCount(), 0U);
+   EXPECT_EQ(manager()->runOnce(1000), 1);
+   EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
+}
+
+// The stale record of a child whose hook threw has the number that fork gives out again.
+TEST_F(Forking, AStaleRecordGivesWayToTheNewChild) {
+   const int status = apart([&] {
+      if (::unshare(CLONE_NEWPID) != 0) {
+         ::_exit(cannot);
+      }
+      ::_exit(apart([&] {
+         const auto forkAs = [&](int number) {
+            std::ofstream last("/proc/sys/kernel/ns_last_pid");
+            if (!(last << number - 1 << std::flush)) {
+               ::_exit(cannot);
+            }
+            last.close();
+            return forkBody([] { ::_exit(3); }, nullptr, number == 30 ? "stranger" : "worker");
+         };
+         tracker->hook = [](const Child&) { throw std::runtime_error("hook"); };
+         ASSERT_EQ(forkAs(20), 20);
+         EXPECT_THROW(manager()->runOnce(1000), std::runtime_error);
+         const Child stale(tracker->process(20));
+         ASSERT_TRUE(stale);
+         tracker->hook = nullptr;
+         ASSERT_EQ(forkAs(20), 20);
+         EXPECT_NE(tracker->process(20), stale.get());
+         EXPECT_EQ(tracker->childProcess(20)->notifier().get(), tracker->process(20));
+         EXPECT_TRUE(runUntil([&] { return tracker->process(20) == nullptr; }));
+         EXPECT_EQ(tracker->errorTerminationCount(), 2U);
+
+         // One whose end is not recorded, since its number was never a child's: lost now.
+         Calls calls;
+         record(30, "another");
+         tracker->calls = &calls;
+         ASSERT_EQ(forkAs(30), 30);
+         EXPECT_THAT(calls, ElementsAre("hook 30", "processDel 30", "childProcessDel 30",
+                                        "processIs 30", "childProcessIs 30"));
+         EXPECT_TRUE(runUntil([&] { return tracker->errorTerminationCount() == 3; }));
+         tracker = nullptr;
+      }));
+   });
+   if (status == cannot) {
+      GTEST_SKIP() << "process ids can't be chosen here";
+   }
+   EXPECT_EQ(status, 0);
+}
+
+TEST_F(Forking, ARegistrationThatThrowsLeavesAChildThatIsReaped) {
+   const auto open = openDescriptors();
+   const auto failing = [&](auto& place) {
+      place = [&](const auto&) {
+         place = nullptr;
+         throw std::runtime_error("registering");
+      };
+      EXPECT_THROW(forkBody([] { ::_exit(3); }), std::runtime_error);
+      EXPECT_EQ(tracker->process().members() + tracker->childProcess().members(), 0U);
+      EXPECT_TRUE(runUntil([] { return !hasChildren(); }));
+      EXPECT_EQ(openDescriptors(), open);
+   };
+   failing(tracker->processIsStarts);
+   failing(tracker->childProcessIsStarts);
+}
+
+TEST_F(Forking, WhereverMemoryRunsOutNothingIsLost) {
+   const auto open = openDescriptors();
+   unsigned children = 0;
+   for (int allocations = 0; children == 0; ++allocations) {
+      ASSERT_LT(allocations, 100);
+      const String8 name("worker");
+      newsLeft = allocations;
+      bool thrown = false;
+      try {
+         if (tracker->forkChild(name, nullptr, nullptr, nullptr) == 0) {
+            ::_exit(3);
+         }
+      } catch (const std::bad_alloc&) {
+         thrown = true;
+      }
+      newsLeft = std::numeric_limits<int>::max();
+      children = tracker->process().members();
+      EXPECT_EQ(children, thrown ? 0U : 1U);
+      EXPECT_EQ(tracker->childProcess().members(), children);
+      EXPECT_TRUE(runUntil([] { return !hasChildren(); }));
+      EXPECT_EQ(tracker->errorTerminationCount(), children);
+      EXPECT_EQ(openDescriptors(), open);
+   }
+}
+
+} // namespace
