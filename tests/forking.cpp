@@ -511,4 +511,21 @@ TEST_F(Forking, WhereverMemoryRunsOutNothingIsLost) {
    }
 }
 
+// The end of the child closes the read end while it is being registered, and the hook is given the
+// number for a descriptor of its own.
+TEST_F(Forking, ADescriptorOfTheHookIsNotClosedForTheReadEnd) {
+   int own = -1;
+   tracker->hook = [&](const Child&) {
+      own = ::dup(1);
+      throw std::runtime_error("hook");
+   };
+   tracker->childProcessIsStarts = [&](const Child& child) {
+      runUntil([&] { return child->siginfo()->signalCode() != Siginfo::none; });
+   };
+   const int readEnd = NextPipe().read;
+   EXPECT_THROW(forkBody([] {}), std::runtime_error);
+   EXPECT_EQ(own, readEnd);
+   EXPECT_EQ(::close(own), 0) << "closed by one who no longer owned it";
+}
+
 } // namespace

@@ -3,6 +3,7 @@
 #include <Zor/internal/TrackerTrace.h>
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Zor {
@@ -57,21 +58,41 @@ void forgetStale(Sm& tracker, int pid, Vel::FirstException& first) {
    }
 }
 
+// The read end while it is being handed to a record. By its number alone it can't be known again: a
+// child that ends meanwhile has it closed, and a handler may have the number for something else.
+class ReadEnd {
+ public:
+   explicit ReadEnd(int descriptor) noexcept : descriptor_(descriptor) {
+      ::fstat(descriptor, &pipe_);
+   }
+   void closeUnlessTaken() const noexcept {
+      struct stat present {};
+      if (!Vel::ActivityImplFacility::activityManagerSm()->fd(descriptor_) &&
+          ::fstat(descriptor_, &present) == 0 && present.st_dev == pipe_.st_dev &&
+          present.st_ino == pipe_.st_ino) {
+         ::close(descriptor_);
+      }
+   }
+
+ private:
+   int descriptor_;
+   struct stat pipe_ {};
+};
+
 void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) {
    const ForkedChild forked(pid);
    Vel::FirstException fromStale; // thrown only when the new child is safe
    forgetStale(tracker, pid, fromStale);
    const bool known = tracker.process(pid) != nullptr;
+   const ReadEnd handed(readEnd);
    try {
       tracker.processIs(pid, name, readEnd);
    } catch (...) {
-      if (!Vel::ActivityImplFacility::activityManagerSm()->fd(readEnd)) {
-         ::close(readEnd); // no record has it
-      }
+      handed.closeUnlessTaken();
       throw;
    }
    if (known) {
-      ::close(readEnd); // a record that was there before keeps its own
+      handed.closeUnlessTaken(); // a record that was there before keeps its own
    }
    fromStale.rethrow();
 }
@@ -81,8 +102,8 @@ void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) 
 S32 Sm::forkChild(Vel::String8 name, void (*const& fn)(ChildProcessInitCallbackContext),
                   void* const& arg,
                   const Vel::Ptr<ChildProcessTrackerCloseFdsContext>& closeFdsContext) {
+   const Vel::Ptr<ChildProcessTrackerSm> self(this); // a sink or hook may drop every other handle
    trace(63, "forkChild", signature, [&](std::ostream& stream) { stream << name; });
-   const Vel::Ptr<ChildProcessTrackerSm> self(this); // a hook may drop every other handle on it
    Vel::ChildSiginfo::forkedReserve();
    int ends[2];
    if (::pipe(ends) != 0) {
