@@ -60,6 +60,7 @@ class RudeTracker : public Sm {
    std::function<void(const Child&)> hook;
    std::function<void(const Child&)> childProcessIsStarts;
    std::function<void(int)> processIsStarts;
+   std::function<void(const std::string&)> called;
    Calls* calls = nullptr;
 
    void forkedChildExitCallback(const Child& child) override {
@@ -119,6 +120,9 @@ class RudeTracker : public Sm {
    template <class Number> void note(const char* call, Number number) {
       if (calls != nullptr) {
          calls->push_back(call + (' ' + std::to_string(number)));
+      }
+      if (called) {
+         called(call);
       }
    }
 };

@@ -16,6 +16,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 
 namespace {
@@ -265,6 +266,13 @@ TEST_F(Forking, EveryWayOfClosingClosesTheSame) {
       {"listed", nullptr},
       {"above a lowered limit", [](void*) { limitIs(64); }},
       {"without /proc", &hideProc},
+      {"an empty listing",
+       [](void*) {
+          hideProc();
+          if (::mkdir("/proc/self", 0700) + ::mkdir("/proc/self/fd", 0700) != 0) {
+             ::_exit(cannot);
+          }
+       }},
       {"no descriptor left", [](void*) { limitIs(0); }},
       {"without /proc and close_range",
        [](void*) {
@@ -322,6 +330,7 @@ TEST_F(Forking, ClosingTellsTheManagerFirstAndTheProcessGoesOn) {
          kept->notifyOnReadableIs(true);
          listener->notifierIs(kept);
          listener->isRegisteredNotifieeIs(true);
+         const int before = forkBody([] { ::pause(); });
          if (way != nullptr) {
             way(nullptr);
          }
@@ -333,8 +342,11 @@ TEST_F(Forking, ClosingTellsTheManagerFirstAndTheProcessGoesOn) {
          EXPECT_EQ(manager()->runOnce(1000), 1);
          EXPECT_EQ(listener->heard, 1);
          EXPECT_EQ(::read(keptPipe[0], closedPipe, 1), 1);
+         ::kill(before, SIGKILL); // its watch was closed, and is opened anew
          forkBody([] {});
-         EXPECT_TRUE(runUntil([&] { return tracker->successfulTerminationCount() == 1; }));
+         EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+         EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
+         EXPECT_EQ(tracker->errorTerminationCount(), 1U);
       });
       EXPECT_TRUE(status == 0 || (status == cannot && way != nullptr)) << status;
    }
@@ -415,6 +427,29 @@ TEST_F(Forking, SiblingsAreNotTheChilds) {
    EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
 }
 
+TEST_F(Forking, AChildMayComeOutOfTheHookThatForkedIt) {
+   int hooks = 0;
+   int forkedInHook = -1;
+   tracker->hook = [&](const Child&) {
+      if (++hooks == 1) {
+         forkedInHook = tracker->forkChild("worker", nullptr, nullptr, nullptr);
+      }
+   };
+   for (int child = 0; child < 5; ++child) {
+      awaitZombie(forkBody([] {}));
+   }
+   manager()->runOnce(1000);
+   if (forkedInHook == 0) {
+      runAndExit([&] {
+         EXPECT_EQ(manager()->runOnce(10), 0); // the parent's fetched ends are not the child's
+         EXPECT_EQ(hooks, 1);
+         EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
+      });
+   }
+   EXPECT_TRUE(runUntil([&] { return hooks == 6; }));
+   EXPECT_EQ(tracker->successfulTerminationCount(), 6U);
+}
+
 // ---- registering ----
 
 TEST_F(Forking, AChildThatHasEndedBeforeIsReportedByTheLoop) {
@@ -461,7 +496,17 @@ TEST_F(Forking, AStaleRecordGivesWayToTheNewChild) {
          EXPECT_THAT(calls, ElementsAre("hook 30", "processDel 30", "childProcessDel 30",
                                         "processIs 30", "childProcessIs 30"));
          EXPECT_TRUE(runUntil([&] { return tracker->errorTerminationCount() == 3; }));
-         tracker = nullptr;
+
+         // What the stale one's hook throws comes out once the new one is safe.
+         record(30, "another");
+         tracker->hook = [&](const Child& child) {
+            if (child->description() == "another") {
+               throw std::runtime_error("hook");
+            }
+         };
+         EXPECT_THROW(forkAs(30), std::runtime_error);
+         EXPECT_TRUE(tracker->process(30) && tracker->process(30)->description() == "stranger");
+         EXPECT_TRUE(runUntil([&] { return tracker->errorTerminationCount() == 4; }));
       }));
    });
    if (status == cannot) {

@@ -153,7 +153,11 @@ TEST_F(Tracking, RemovingTakesTheReactorAlongAndIsSeenByADerivedTracker) {
       record(pid);
    }
    tracker->calls = &calls;
+   const Vel::Ptr<Reactor> reactor = tracker->childProcess(1);
    EXPECT_EQ(tracker->processDel(1)->pid(), 1);
+   EXPECT_TRUE(reactor->velMarkedForDeletion() && reactor->siginfo()->velMarkedForDeletion());
+   EXPECT_FALSE(reactor->isRegisteredNotifiee() || reactor->siginfo()->isRegisteredNotifiee());
+   EXPECT_EQ(reactor->childProcessTrackerSm(), nullptr);
    EXPECT_FALSE(tracker->processDel(1));
    EXPECT_FALSE(tracker->childProcessDel(1));
    EXPECT_THAT(
@@ -171,6 +175,30 @@ TEST_F(Tracking, RemovingTakesTheReactorAlongAndIsSeenByADerivedTracker) {
    Sm::ProcessMap::Iterator atEnd(&tracker->process());
    EXPECT_FALSE(tracker->processDel(atEnd));
    EXPECT_THAT(tracked(), IsEmpty());
+}
+
+TEST_F(Tracking, AFailedRegistrationLeavesTheDescriptorToTheCaller) {
+   const int end = readEnd();
+   bool thrown = true;
+   const auto attempt = [&] {
+      try {
+         tracker->processIs(7, {}, end);
+         thrown = false;
+      } catch (const std::bad_alloc&) {
+      }
+      newsLeft = std::numeric_limits<int>::max();
+      EXPECT_EQ(tracked(), thrown ? std::set<int>{} : std::set{7});
+      EXPECT_EQ(manager()->fd(end), !thrown);
+      EXPECT_GE(::fcntl(end, F_GETFD), 0);
+   };
+   tracker->childProcessIsStarts = [](const Child&) { throw std::bad_alloc(); };
+   attempt();
+   tracker->childProcessIsStarts = nullptr;
+   for (int allocations = 0; thrown && allocations < 100; ++allocations) {
+      newsLeft = allocations;
+      attempt();
+   }
+   EXPECT_FALSE(thrown);
 }
 
 // ---- reactors ----
@@ -276,6 +304,7 @@ TEST_F(Tracking, AReactorWithoutTrackerOrChildCallsNothing) {
    EXPECT_THAT(calls, IsEmpty());
    tracker = nullptr;
    EXPECT_EQ(reactor->childProcessTrackerSm(), nullptr);
+   EXPECT_EQ(childless->childProcessTrackerSm(), nullptr);
    EXPECT_TRUE(reactor->velMarkedForDeletion());
    reactor->velDoZombieReactors(false); // even when somebody wakes it again
    endIs(*child, Siginfo::exited);
@@ -424,22 +453,47 @@ TEST_F(Tracking, AHookThatThrowsLeavesTheChildCountedAndTracked) {
    EXPECT_EQ(tracked().size(), 19U);
 }
 
-TEST_F(Tracking, AHookMayDropTheTracker) {
-   for (const bool others : {false, true}) {
+TEST_F(Tracking, TheTrackerMayBeDroppedInAnyCallOfItsOwn) {
+   for (const std::string call : {"processIs", "childProcessIs", "lastFailed", "error", "errors",
+                                  "hook", "processDel", "childProcessDel"}) {
+      SCOPED_TRACE(call);
       tracker = Zor::newTracker<RudeTracker>();
-      const int pid = forkBody([] {});
-      if (others) {
-         record(7);
-      }
-      tracker->hook = [this](const Child&) { tracker = nullptr; };
-      EXPECT_TRUE(runUntil([&] { return !tracker; })) << pid;
+      tracker->called = [&](const std::string& now) {
+         if (now == call) {
+            tracker = nullptr;
+         }
+      };
+      forkBody([] { ::_exit(3); });
+      EXPECT_TRUE(runUntil([&] { return !hasChildren(); }));
+      EXPECT_FALSE(tracker);
    }
-   tracker = Zor::newTracker<RudeTracker>(); // ... and while the reactor is only being made
-   tracker->hook = [this](const Child&) { tracker = nullptr; };
-   tracker->childProcessIsStarts = [](const Child& child) { endIs(*child, Siginfo::exited); };
-   RudeTracker* const raw = tracker.get();
-   EXPECT_EQ(raw->processIs(9, "worker", readEnd())->pid(), 9);
-   EXPECT_FALSE(tracker);
+}
+
+// The reactors are told something while an end that nobody has removed is still there to be told:
+// its hook drops whatever else would hold them.
+TEST_F(Tracking, ReactorsSurviveTheEndThatTheyTell) {
+   const auto other = Vel::newEntity<Siginfo>("other", 7);
+   const auto twin = Vel::newEntity<Zor::ChildProcess>(7, "twin", readEnd());
+   const std::function<void(Reactor*)> acts[] = {
+      [&](Reactor* reactor) { reactor->siginfoIs(other); },
+      [&](Reactor* reactor) { reactor->siginfo().get()->notifierIs(other); },
+      [&](Reactor* reactor) { reactor->notifierIs(twin); },
+      [&](Reactor* reactor) { reactor->childProcessTrackerSm()->childProcessIs(twin); },
+      [&](Reactor* reactor) {
+         const Vel::Ptr<Reactor> kept(reactor);
+         reactor->childProcessTrackerSm()->childProcessIs(twin);
+         EXPECT_TRUE(kept->velMarkedForDeletion());
+         EXPECT_FALSE(kept->hasNotificationActive());
+      },
+   };
+   for (const auto& act : acts) {
+      tracker = Zor::newTracker<RudeTracker>();
+      tracker->hook = [](const Child&) { throw std::runtime_error("hook"); };
+      EXPECT_THROW(endIs(*record(7), Siginfo::exited), std::runtime_error);
+      tracker->hook = [this](const Child&) { tracker = nullptr; };
+      act(tracker->childProcess(7));
+      EXPECT_FALSE(tracker);
+   }
 }
 
 TEST_F(Tracking, AHookMayChangeTheRegistry) {
