@@ -3,6 +3,7 @@
 
 #include <Vel/String8.h>
 
+#include <array>
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <malloc.h>
@@ -46,25 +47,16 @@ template <class Exception, class Act> std::string messageOf(Act act) {
 
 TEST_F(Tracking, CountsWrapAndBelongToOneTracker) {
    const Vel::Ptr<Sm> other = Zor::childProcessTrackerSmFactory();
-   struct {
-      void (Sm::*set)(unsigned);
-      void (Sm::*increase)(unsigned);
-      unsigned (Sm::*get)() const noexcept;
-   } const counts[] = {
-      {&Sm::successfulTerminationCountIs, &Sm::successfulTerminationCountInc,
-       &Sm::successfulTerminationCount},
-      {&Sm::errorTerminationCountIs, &Sm::errorTerminationCountInc, &Sm::errorTerminationCount}};
-   for (const auto& count : counts) {
-      const auto sum = [&](unsigned start, unsigned more) {
-         (tracker.get()->*count.set)(start);
-         (tracker.get()->*count.increase)(more);
-         return (tracker.get()->*count.get)();
-      };
-      EXPECT_EQ(sum(7, 2), 9U);
-      EXPECT_EQ(sum(7, 0), 7U);
-      EXPECT_EQ(sum(4294967295U, 1), 0U);
-      EXPECT_EQ((other.get()->*count.get)(), 0U);
+   for (const auto& [start, more, sum] : {std::array{7U, 2U, 9U}, {7U, 0U, 7U}, {~0U, 1U, 0U}}) {
+      tracker->successfulTerminationCountIs(start);
+      tracker->successfulTerminationCountInc(more);
+      EXPECT_EQ(tracker->successfulTerminationCount(), sum);
+      tracker->errorTerminationCountIs(start);
+      tracker->errorTerminationCountInc(more);
+      EXPECT_EQ(tracker->errorTerminationCount(), sum);
    }
+   tracker->errorTerminationCountIs(5);
+   EXPECT_EQ(other->successfulTerminationCount() + other->errorTerminationCount(), 0U);
    EXPECT_FALSE(other->lastFailedProcess());
    EXPECT_EQ(other->lastFailedProcessTerminationError(), Sm::invalid);
    other->lastFailedProcessTerminationErrorIs(static_cast<Sm::terminationError>(77));
@@ -467,6 +459,9 @@ TEST_F(Tracking, TheTrackerMayBeDroppedInAnyCallOfItsOwn) {
       EXPECT_TRUE(runUntil([&] { return !hasChildren(); }));
       EXPECT_FALSE(tracker);
    }
+   tracker = Zor::newTracker<RudeTracker>();
+   tracker->childProcessIsStarts = [this](const Child&) { tracker = nullptr; };
+   EXPECT_EQ(record(9)->pid(), 9); // nobody holds it but the operation itself
 }
 
 // The reactors are told something while an end that nobody has removed is still there to be told:
@@ -568,8 +563,8 @@ TEST_F(Tracking, AHookMayForkAndRunTheLoop) {
 
 // ---- layout and memory ----
 
-// The bodies in the slots of an object's virtual table, without their parameters.
-std::string slots(const void* object, int count, int from) {
+// The bodies in the slots of an object's virtual table: a class's own by their bare names.
+std::string slots(const void* object, const std::string& own, int from, int count) {
    void* const* const table = *static_cast<void* const* const*>(object);
    std::string names;
    for (int slot = from; slot < count; ++slot) {
@@ -577,11 +572,11 @@ std::string slots(const void* object, int count, int from) {
       ::dladdr(table[slot], &info);
       const std::unique_ptr<char, decltype(&std::free)> name(
          abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, nullptr), &std::free);
-      const std::string full = name ? name.get() : "?";
+      const std::string full = name ? name.get() : "::?::?(";
       const std::string body = full.substr(0, full.find('('));
       const std::size_t member = body.rfind("::");
-      const std::size_t owner = body.rfind("::", member - 1);
-      names += body.substr(owner + 2) + ' ';
+      const std::string owner = body.substr(0, member).substr(body.rfind("::", member - 1) + 2);
+      names += (owner == own ? "" : owner + "::") + body.substr(member + 2) + ' ';
    }
    return names;
 }
@@ -590,43 +585,32 @@ TEST_F(Tracking, SlotsAndFieldsKeepTheirOrder) {
    const Vel::Ptr<Sm> plain = Zor::childProcessTrackerSmFactory();
    const auto child = record(7);
    const Reactor* const reactor = tracker->childProcess(7);
-   const std::string tr = "ChildProcessTrackerSm::";
-   EXPECT_EQ(slots(plain.get(), 25, 1),
-             tr +
-                "hasNotificationActiveIs PtrInterface::velAuditErrors PtrInterface::auditErrors "
-                "PtrInterface::zeroReferencesIs " +
-                tr + "fwkType " + tr + "~ChildProcessTrackerSm " + tr + "~ChildProcessTrackerSm " +
-                tr + "forkChild " + tr + "forkedChildExitCallback " + tr + "processDel " + tr +
-                "processDel " + tr + "processNotify " + tr + "processIs " + tr +
-                "childProcessDel " + tr + "childProcessDel " + tr + "childProcessNotify " + tr +
-                "childProcessIs " + tr + "lastFailedProcessIs " + tr +
-                "lastFailedProcessTerminationErrorIs " + tr + "successfulTerminationCountInc " +
-                tr + "successfulTerminationCountIs " + tr + "errorTerminationCountInc " + tr +
-                "errorTerminationCountIs " + tr + "velDoZombieReactors ");
-   EXPECT_EQ(slots(child.get(), 8, 1),
-             "PtrInterface::hasNotificationActiveIs "
-             "PtrInterface::velAuditErrors PtrInterface::auditErrors "
-             "ChildProcess::zeroReferencesIs ChildProcess::fwkType ChildProcess::~ChildProcess "
-             "ChildProcess::~ChildProcess ");
-   const std::string head = "PtrInterface::notifieeList "; // of both reactors, as what follows
-   const std::string base = "PtrInterface::velAuditErrors NotifieeConst::auditErrors "
-                            "PtrInterface::zeroReferencesIs PtrInterface::fwkType ";
-   const std::string tail =
+   const std::string audits = "PtrInterface::velAuditErrors PtrInterface::auditErrors ";
+   EXPECT_EQ(slots(plain.get(), "ChildProcessTrackerSm", 1, 25),
+             "hasNotificationActiveIs " + audits +
+                "PtrInterface::zeroReferencesIs fwkType ~ChildProcessTrackerSm "
+                "~ChildProcessTrackerSm forkChild forkedChildExitCallback processDel processDel "
+                "processNotify processIs childProcessDel childProcessDel childProcessNotify "
+                "childProcessIs lastFailedProcessIs lastFailedProcessTerminationErrorIs "
+                "successfulTerminationCountInc successfulTerminationCountIs "
+                "errorTerminationCountInc errorTerminationCountIs velDoZombieReactors ");
+   EXPECT_EQ(slots(child.get(), "ChildProcess", 1, 8),
+             "PtrInterface::hasNotificationActiveIs " + audits +
+                "zeroReferencesIs fwkType ~ChildProcess ~ChildProcess ");
+   const std::string notifiee = "PtrInterface::notifieeList hasNotificationActiveIs "
+                                "PtrInterface::velAuditErrors NotifieeConst::auditErrors "
+                                "PtrInterface::zeroReferencesIs PtrInterface::fwkType ";
+   const std::string registering =
+      "NotifieeConst::velReactor NotifieeConst::isRegisteredNotifieeIs notifierIs "
       "NotifieeConst::handleNotification NotifieeConst::onNotificationException "
       "NotifieeConst::onZeroReferences NotifieeConst::velFwkActivity NotifieeConst::actsm ";
-   const std::string vc = "VelChildProcess::";
-   const std::string vs = "VelSiginfo::";
-   const std::string registered =
-      "NotifieeConst::velReactor NotifieeConst::isRegisteredNotifieeIs ";
-   EXPECT_EQ(slots(reactor, 20, 0),
-             head + vc + "hasNotificationActiveIs " + base + vc + "~VelChildProcess " + vc +
-                "~VelChildProcess " + registered + vc + "notifierIs " + tail + vc + "onSiginfo " +
-                vc + "siginfoDel " + vc + "siginfoIs " + vc + "velDoZombieReactors ");
-   EXPECT_EQ(slots(reactor->siginfo().get(), 22, 0),
-             head + vs + "hasNotificationActiveIs " + base + vs + "~VelSiginfo " + vs +
-                "~VelSiginfo " + registered + vs + "notifierIs " + tail +
-                "NotifieeConst::onExitSignal NotifieeConst::onExitStatus " + vs + "onSignalCode " +
-                "NotifieeConst::onChildPipe NotifieeConst::onChildPipeReactor " + vs +
+   EXPECT_EQ(slots(reactor, "VelChildProcess", 0, 20),
+             notifiee + "~VelChildProcess ~VelChildProcess " + registering +
+                "onSiginfo siginfoDel siginfoIs velDoZombieReactors ");
+   EXPECT_EQ(slots(reactor->siginfo().get(), "VelSiginfo", 0, 22),
+             notifiee + "~VelSiginfo ~VelSiginfo " + registering +
+                "NotifieeConst::onExitSignal NotifieeConst::onExitStatus onSignalCode "
+                "NotifieeConst::onChildPipe NotifieeConst::onChildPipeReactor "
                 "velDoZombieReactors ");
 
    const auto offset = [](const auto& field, const void* object) {
