@@ -162,8 +162,9 @@ PtrInterface::NotifieeConst::NotifieeConst() noexcept { bitsIs(notificationActiv
 
 PtrInterface::NotifieeConst::~NotifieeConst() {
    // Also for one that was marked for deletion while it was registered: no list keeps the dead.
-   if (isRegisteredNotifiee_ && notifier_) {
-      notifier_->notifieeList()->doDeleteMember(this);
+   NotifieeList* const list = notifier_ ? notifier_->notifieeList() : nullptr;
+   if (isRegisteredNotifiee_ && list != nullptr) {
+      list->doDeleteMember(this);
    }
 }
 

@@ -146,8 +146,10 @@ void ChildWatch::closePidfd(Place& place) noexcept {
 void ChildWatch::open(std::uint32_t at) noexcept {
    Place& place = children_[at];
    place.unsettled = false;
-   if (!place.watched && place.ours && !place.gone && !openPidfd(at)) {
-      place.ours = place.ours && (place.pidfd >= 0 || pidIsOurChild(place.pid));
+   if (!place.watched && place.ours && !place.gone && !openPidfd(at) && place.pidfd < 0) {
+      // A child that was forked here is ours until somebody says that it isn't any more.
+      const Ours ours = place.ours ? pidIsOurChild(place.pid) : Ours::no;
+      place.ours = place.forked ? ours != Ours::no : ours == Ours::yes;
    }
    askedIs(place, (place.ours && !place.watched) || place.gone);
    if (place.asked && pause_ == 0) {
@@ -169,7 +171,7 @@ bool ChildWatch::openPidfd(std::uint32_t at) noexcept {
       const Ours ours = pidfdIsOurChild(pidfd);
       if (ours != Ours::yes) {
          ::close(pidfd);
-         pidfdsRefused_ = ours == Ours::unknown;
+         pidfdsRefused_ = ours == Ours::unaskable;
          place.ours = ours != Ours::no; // a stranger's status is not ours to ask for
          return false;
       }
@@ -232,11 +234,7 @@ void ChildWatch::onPollSetLost() noexcept {
       place.unsettled = place.unsettled || place.watched;
       place.watched = false;
    }
-   if (timer_ >= 0) {
-      core_.release(timer_);
-      ::close(timer_);
-      timer_ = -1;
-   }
+   closeTimer();
    unsettled_ = true;
 }
 
@@ -262,7 +260,7 @@ Ended ChildWatch::ask(Place& place, ProcessStatus& status) noexcept {
    } else if (place.ours) {
       ended = pidWait(place.pid, status);
    }
-   return ended == Ended::no && place.gone ? Ended::lost : ended;
+   return ended != Ended::yes && place.gone ? Ended::lost : ended;
 }
 
 void ChildWatch::onEvent(std::uint32_t tag, std::uint32_t) {
@@ -274,7 +272,12 @@ void ChildWatch::onEvent(std::uint32_t tag, std::uint32_t) {
       return;
    }
    ProcessStatus status;
-   conclude(tag, ask(children_[tag], status), status);
+   const Ended ended = ask(children_[tag], status);
+   if (ended == Ended::unknown) { // the edge is gone, and there may be no other
+      askedIs(children_[tag], true);
+      pauseIs(shortestPause);
+   }
+   conclude(tag, ended, status);
 }
 
 void ChildWatch::pipeEnded(ChildSiginfo& siginfo) {
@@ -286,7 +289,7 @@ void ChildWatch::pipeEnded(ChildSiginfo& siginfo) {
    place.gone = place.gone || !place.ours;
    ProcessStatus status;
    const Ended ended = ask(place, status);
-   if (ended == Ended::no) {
+   if (ended == Ended::no || ended == Ended::unknown) {
       pauseIs(shortestPause); // usually a moment before it can be waited for
    }
    conclude(at, ended, status);
@@ -304,7 +307,7 @@ void ChildWatch::conclude(ChildSiginfo& siginfo) {
 
 // The child leaves the table, and its descriptors are closed, before anybody hears of the end.
 void ChildWatch::conclude(std::uint32_t at, Ended ended, const ProcessStatus& status) {
-   if (ended == Ended::no) {
+   if (ended != Ended::yes && ended != Ended::lost) {
       return;
    }
    const Ptr<ChildSiginfo> siginfo(children_[at].siginfo); // whoever hears may drop the rest
@@ -345,6 +348,10 @@ bool ChildWatch::signal(const ChildSiginfo& siginfo, int number) {
 void ChildWatch::askedIs(Place& place, bool asked) noexcept {
    askedCount_ += static_cast<std::uint32_t>(asked) - static_cast<std::uint32_t>(place.asked);
    place.asked = asked;
+   if (askedCount_ == 0) {
+      pause_ = 0;
+      closeTimer();
+   }
 }
 
 // Starts a pause, unless one is running that ends before.
@@ -364,15 +371,21 @@ void ChildWatch::pauseIs(int ms) noexcept {
          core_.ownerIs(timer_, timerTag);
          core_.eventsIs(timer_, EPOLLIN);
       } catch (const std::exception&) {
-         core_.release(timer_);
-         ::close(timer_);
-         timer_ = -1;
+         closeTimer();
          return;
       }
    }
    itimerspec time{};
    time.it_value = {.tv_sec = ms / 1000, .tv_nsec = ms % 1000 * 1'000'000L};
    ::timerfd_settime(timer_, 0, &time, nullptr);
+}
+
+void ChildWatch::closeTimer() noexcept {
+   if (timer_ >= 0) {
+      core_.release(timer_);
+      ::close(timer_);
+      timer_ = -1;
+   }
 }
 
 int ChildWatch::pauseMs() const noexcept {
@@ -386,10 +399,6 @@ bool ChildWatch::timerServes() noexcept { return timer_ >= 0; }
 
 void ChildWatch::onPause() {
    const int previous = std::exchange(pause_, 0);
-   if (askedCount_ == 0) {
-      cursor_ = 0;
-      return;
-   }
    // The next pause is fixed first: what is concluded below may throw.
    const bool longer = askedCount_ <= askedAtOnce;
    pauseIs(longer ? std::min(previous * pauseGrowth, longestPause) : shortestPause);
@@ -402,10 +411,10 @@ void ChildWatch::onPause() {
       ++asked;
       ProcessStatus status;
       const Ended ended = ask(place, status);
-      if (ended == Ended::no) {
-         ++cursor_;
-      } else {
+      if (ended == Ended::yes || ended == Ended::lost) {
          conclude(cursor_, ended, status); // another child has its place now
+      } else {
+         ++cursor_;
       }
    }
    if (cursor_ >= children_.size()) {

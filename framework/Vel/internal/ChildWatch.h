@@ -73,6 +73,7 @@ class ChildWatch final : public ChildEvents {
    void drop(std::uint32_t at) noexcept;
    void closePidfd(Place& place) noexcept;
    void pauseIs(int ms) noexcept;
+   void closeTimer() noexcept;
    bool timerServes() noexcept;
 
    ActivityCore& core_;

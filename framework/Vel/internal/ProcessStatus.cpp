@@ -33,11 +33,22 @@ int waitId(idtype_t type, int id, siginfo_t& info, int options) noexcept {
    return result;
 }
 
+Ours isOurChild(idtype_t type, int id) noexcept {
+   siginfo_t info;
+   if (waitId(type, id, info, WNOWAIT) == 0) {
+      return Ours::yes;
+   }
+   if (errno == ECHILD) {
+      return Ours::no;
+   }
+   return errno == EINVAL ? Ours::unaskable : Ours::unknown;
+}
+
 // yes, no, or lost for a process that isn't a child of ours any more.
 Ended waitFor(idtype_t type, int id, ProcessStatus& status) noexcept {
    siginfo_t info;
    if (waitId(type, id, info, 0) != 0) {
-      return errno == ECHILD ? Ended::lost : Ended::no;
+      return errno == ECHILD ? Ended::lost : Ended::unknown;
    }
    if (info.si_pid == 0) {
       return Ended::no;
@@ -77,18 +88,9 @@ Ended recover(int pidfd, ProcessStatus& status) noexcept {
 
 int pidfdOpen(int pid) noexcept { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); }
 
-Ours pidfdIsOurChild(int pidfd) noexcept {
-   siginfo_t info;
-   if (waitId(byPidfd, pidfd, info, WNOWAIT) == 0) {
-      return Ours::yes;
-   }
-   return errno == ECHILD ? Ours::no : Ours::unknown;
-}
+Ours pidfdIsOurChild(int pidfd) noexcept { return isOurChild(byPidfd, pidfd); }
 
-bool pidIsOurChild(int pid) noexcept {
-   siginfo_t info;
-   return pid > 0 && waitId(P_PID, pid, info, WNOWAIT) == 0;
-}
+Ours pidIsOurChild(int pid) noexcept { return pid > 0 ? isOurChild(P_PID, pid) : Ours::no; }
 
 Ended pidfdWait(int pidfd, ProcessStatus& status) noexcept {
    const Ended ended = waitFor(byPidfd, pidfd, status);
@@ -102,7 +104,7 @@ int pidfdSignal(int pidfd, int number) noexcept {
 }
 
 int pidSignal(int pid, int number) noexcept {
-   if (!pidIsOurChild(pid)) {
+   if (pidIsOurChild(pid) != Ours::yes) {
       return ESRCH;
    }
    return ::kill(pid, number) == 0 ? 0 : errno;

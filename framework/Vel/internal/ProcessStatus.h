@@ -14,18 +14,24 @@ struct ProcessStatus {
 };
 
 enum class Ended {
-   yes,  // and the status is known
-   lost, // and nobody can say how
-   no,   // or not yet to be seen
+   yes,     // and the status is known
+   lost,    // and nobody can say how
+   no,      // or not yet to be seen
+   unknown, // asking failed
 };
 
 // A pidfd of the process, close-on-exec; -1 with errno.
 int pidfdOpen(int pid) noexcept;
 
 // Whether this process may wait for that one: its own child, running or unreaped.
-enum class Ours { yes, no, unknown }; // unknown: this kernel can't wait that way
+enum class Ours {
+   yes,
+   no,
+   unknown,   // asking failed
+   unaskable, // this kernel can't wait that way
+};
 Ours pidfdIsOurChild(int pidfd) noexcept;
-bool pidIsOurChild(int pid) noexcept;
+Ours pidIsOurChild(int pid) noexcept;
 
 // Waits without blocking, and so takes the status of an ended child away from the kernel.
 Ended pidfdWait(int pidfd, ProcessStatus& status) noexcept;

@@ -1,0 +1,343 @@
+// Every system call and every allocation of the tracker's run path fails in turn: the n-th for
+// every n, once and from then on. Whatever fails, nothing is lost, leaked or left running.
+#include <Vel/GenericIf.h>
+#include <Zor/ChildProcessTracker.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+enum Where { parentCalls, childCalls, allocations };
+
+// In memory that forked children share, so that a fault in a child counts like one here.
+struct Plan {
+   std::atomic<bool> armed;
+   std::atomic<long> seen;
+   std::atomic<long> failed;
+   long at;
+   bool onwards;
+   Where where;
+   pid_t parent;
+   bool pidfdsRefused; // throughout, beside the faults
+};
+
+Plan& plan() {
+   static auto* const shared = static_cast<Plan*>(
+      ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+   return *shared;
+}
+
+long balance = 0; // of allocations and releases in this process
+
+bool failsNow(Where where) {
+   Plan& now = plan();
+   if (!now.armed || (where == parentCalls && now.where == allocations) ||
+       (where == allocations && now.where != allocations)) {
+      return false;
+   }
+   const bool child = ::getpid() != now.parent;
+   if (child != (now.where == childCalls)) {
+      return false;
+   }
+   const long point = now.seen++;
+   const bool fails = point == now.at || (now.onwards && point > now.at);
+   now.failed += fails;
+   return fails;
+}
+
+bool callFails(int error) {
+   const bool fails = failsNow(parentCalls);
+   if (fails) {
+      errno = error;
+   }
+   return fails;
+}
+
+template <class F> F real(const char* name) {
+   return reinterpret_cast<F>(::dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// ---- the calls, as the libraries find them: here first ----
+
+#define REAL(name) static const auto next = real<decltype(&::name)>(#name)
+
+extern "C" {
+int pipe(int* ends) noexcept {
+   REAL(pipe);
+   return callFails(EMFILE) ? -1 : next(ends);
+}
+pid_t fork() noexcept {
+   REAL(fork);
+   return callFails(EAGAIN) ? -1 : next();
+}
+int close(int descriptor) {
+   REAL(close);
+   const bool fails = callFails(EINTR); // after which the descriptor is closed all the same
+   const int result = next(descriptor);
+   errno = fails ? EINTR : errno;
+   return fails ? -1 : result;
+}
+int epoll_create1(int flags) noexcept {
+   REAL(epoll_create1);
+   return callFails(EMFILE) ? -1 : next(flags);
+}
+int epoll_ctl(int set, int operation, int descriptor, epoll_event* event) noexcept {
+   REAL(epoll_ctl);
+   return operation != EPOLL_CTL_DEL && callFails(ENOSPC) ? -1
+                                                          : next(set, operation, descriptor, event);
+}
+int epoll_wait(int set, epoll_event* events, int count, int timeout) {
+   REAL(epoll_wait);
+   return callFails(EIO) ? -1 : next(set, events, count, timeout);
+}
+int waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
+   REAL(waitid);
+   return callFails(EPERM) ? -1 : next(type, id, info, options);
+}
+ssize_t read(int descriptor, void* buffer, size_t size) {
+   REAL(read);
+   return callFails(EINTR) ? -1 : next(descriptor, buffer, size);
+}
+int fcntl(int descriptor, int operation, ...) {
+   using Fcntl = int (*)(int, int, ...);
+   static const auto next = real<Fcntl>("fcntl");
+   std::va_list arguments;
+   va_start(arguments, operation);
+   const int argument = va_arg(arguments, int);
+   va_end(arguments);
+   return callFails(EBADF) ? -1 : next(descriptor, operation, argument);
+}
+int timerfd_create(clockid_t clock, int flags) noexcept {
+   REAL(timerfd_create);
+   return callFails(EMFILE) ? -1 : next(clock, flags);
+}
+DIR* opendir(const char* name) {
+   REAL(opendir);
+   return callFails(EMFILE) ? nullptr : next(name);
+}
+dirent* readdir(DIR* directory) {
+   REAL(readdir);
+   return callFails(EIO) ? nullptr : next(directory);
+}
+long syscall(long number, ...) noexcept {
+   using Syscall = long (*)(long, ...);
+   static const auto next = real<Syscall>("syscall");
+   std::va_list arguments;
+   va_start(arguments, number);
+   long words[6];
+   for (long& word : words) {
+      word = va_arg(arguments, long);
+   }
+   va_end(arguments);
+   if (number == SYS_pidfd_open && plan().pidfdsRefused) {
+      errno = EPERM;
+      return -1;
+   }
+   return callFails(number == SYS_pidfd_open ? EMFILE : ENOSYS)
+             ? -1
+             : next(number, words[0], words[1], words[2], words[3], words[4], words[5]);
+}
+}
+
+void* operator new(std::size_t size) {
+   if (failsNow(allocations)) {
+      throw std::bad_alloc();
+   }
+   ++balance;
+   if (void* const memory = std::malloc(size)) {
+      return memory;
+   }
+   throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+   balance -= memory != nullptr;
+   std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
+
+namespace {
+
+// ---- what is done under faults ----
+
+struct Counting : Zor::ChildProcessTrackerSm {
+   void forkedChildExitCallback(const Vel::Ptr<Zor::ChildProcess const>& child) override {
+      ++ends;
+      lost += child->siginfo()->signalCode() == Vel::ChildSiginfo::lost;
+   }
+   unsigned ends = 0;
+   unsigned lost = 0;
+};
+
+Vel::Ptr<Vel::ActivityManagerSm> loop() { return Vel::ActivityImplFacility::activityManagerSm(); }
+
+template <class Act> void tolerant(const Act& act) {
+   try {
+      act();
+   } catch (const std::bad_alloc&) {
+   } catch (const Vel::SystemException&) {
+   }
+}
+
+std::string openDescriptors() {
+   std::string open;
+   for (int descriptor = 0; descriptor < 256; ++descriptor) {
+      open +=
+         ::syscall(SYS_fcntl, descriptor, F_GETFD) >= 0 ? std::to_string(descriptor) + ' ' : "";
+   }
+   return open;
+}
+
+bool hasChildren() {
+   siginfo_t info{};
+   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// In the child, after the closing walk: only its status pipe may be open, whatever failed.
+[[noreturn]] void childEnds(int status) {
+   plan().armed = plan().where != childCalls && plan().armed;
+   int open = 0;
+   for (int descriptor = 0; descriptor < 256; ++descriptor) {
+      open += ::syscall(SYS_fcntl, descriptor, F_GETFD) >= 0;
+   }
+   ::_exit(open == 1 ? status : 200 + open);
+}
+
+class Life {
+ public:
+   void run() {
+      tolerant([&] { tracker_ = Zor::newTracker<Counting>(); });
+      Vel::Ptr<Zor::ChildProcessTrackerCloseFdsContext> keep;
+      tolerant([&] { keep = Vel::newEntity<Zor::ChildProcessTrackerCloseFdsContext>(); });
+      for (const int status : {0, 3}) {
+         tolerant([&] { start(status, keep); });
+      }
+      for (int round = 0; round < 4; ++round) {
+         tolerant([&] { loop()->runOnce(2); });
+      }
+   }
+   // The faults are over: everything that was started must come to its end.
+   void finish() {
+      for (int round = 0; round < 300 && (hasChildren() || left() != 0); ++round) {
+         loop()->runOnce(10);
+      }
+      EXPECT_FALSE(hasChildren());
+      EXPECT_EQ(left(), 0U);
+      if (tracker_) {
+         EXPECT_EQ(tracker_->ends, started_);
+         EXPECT_EQ(tracker_->successfulTerminationCount() + tracker_->errorTerminationCount() +
+                      tracker_->lost,
+                   started_);
+         if (const auto& failed = tracker_->lastFailedProcess()) {
+            EXPECT_EQ(failed->siginfo()->exitStatus(), 3) << "2xx: a child kept descriptors";
+         }
+      }
+   }
+
+ private:
+   unsigned left() const { return tracker_ ? tracker_->process().members() : 0; }
+   void start(int status, const Vel::Ptr<Zor::ChildProcessTrackerCloseFdsContext>& keep) {
+      if (!tracker_ || !keep) {
+         return;
+      }
+      const pid_t self = ::getpid();
+      int pid = -1;
+      try {
+         pid = tracker_->forkChild("worker with a name of some length", nullptr, nullptr, keep);
+      } catch (...) {
+         if (::getpid() != self) {
+            ::_exit(250);
+         }
+         throw;
+      }
+      if (pid == 0) {
+         childEnds(status);
+      }
+      started_ += pid > 0;
+   }
+
+   Vel::Ptr<Counting> tracker_;
+   unsigned started_ = 0;
+};
+
+// The same for what runs no child: entities, collections, strings and watches by name.
+void access() {
+   tolerant([] {
+      const auto context = Vel::newEntity<Zor::ChildProcessTrackerCloseFdsContext>();
+      const auto kept = Vel::GenericIf::of(context);
+      for (int descriptor = 0; descriptor < 9; ++descriptor) {
+         kept->write("skipFd", descriptor, true);
+      }
+      const auto tracker = Vel::GenericIf::create("Zor::ChildProcessTrackerSm");
+      tracker->write("lastFailedProcessTerminationError", "signaled");
+      const auto child = tracker->write("process", ::getppid(), "not a child of ours", -1);
+      ADD_FAILURE() << "a stranger without a pipe was registered: " << child->strRep();
+   });
+}
+
+long sweep(Where where, bool onwards) {
+   long points = 0;
+   for (long at = 0;; ++at) {
+      SCOPED_TRACE("point " + std::to_string(at) + (onwards ? " and on" : ""));
+      const std::string before = openDescriptors();
+      const long balanceBefore = balance;
+      {
+         Life life;
+         Plan& now = plan();
+         now.at = at;
+         now.onwards = onwards;
+         now.where = where;
+         now.parent = ::getpid();
+         now.seen = 0;
+         now.failed = 0;
+         now.armed = true;
+         life.run();
+         access();
+         now.armed = false;
+         life.finish();
+      }
+      EXPECT_EQ(openDescriptors(), before);
+      EXPECT_EQ(balance, balanceBefore);
+      if (plan().failed == 0 || ::testing::Test::HasFailure()) {
+         return points;
+      }
+      ++points;
+   }
+}
+
+struct Sweep : ::testing::TestWithParam<std::tuple<bool, Where, bool>> {};
+
+TEST_P(Sweep, EveryPointFailsAndNothingIsLost) {
+   const auto [refused, where, onwards] = GetParam();
+   plan().pidfdsRefused = refused;
+   {
+      Life warm; // the manager's own poll set and tables exist from here on
+      warm.run();
+      access();
+      warm.finish();
+   }
+   const long points = sweep(where, onwards);
+   EXPECT_GT(points, 0);
+   std::cout << points << " points swept\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(, Sweep,
+                         ::testing::Combine(::testing::Bool(),
+                                            ::testing::Values(parentCalls, childCalls, allocations),
+                                            ::testing::Bool()));
+
+} // namespace
