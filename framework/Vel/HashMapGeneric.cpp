@@ -107,18 +107,12 @@ void HashMapGeneric::deleteMember(const Ptr<PtrInterface>& entry) {
 }
 
 void HashMapGeneric::emptyAllBuckets() {
-   // From the heads, one by one: a chain let go at once would end its entries recursively, and an
-   // ending entry may change the map.
-   for (std::uint32_t bucket = 0; bucket < bucketCount();) {
-      PtrInterface* const head = buckets_[bucket];
-      if (head == nullptr) {
-         ++bucket;
-         continue;
-      }
-      const int bits = bucketBits_;
-      removeFrom(bucket, head);
-      if (bits != bucketBits_) { // all chains are elsewhere now
-         bucket = 0;
+   // From the heads, one by one: a chain let go at once would end its entries recursively. Again
+   // while there are any: an entry that ends may put others in, and a map that shrinks moves all.
+   while (members_ != 0) {
+      int bucket = -1;
+      while (PtrInterface* const head = findNextBucket(&bucket)) {
+         removeFrom(static_cast<std::uint32_t>(bucket--), head);
       }
    }
 }
