@@ -326,4 +326,19 @@ TEST_F(Collections, AnEndingEntryMayRemoveOthers) {
    }
 }
 
+TEST_F(Collections, AnEntryThatEndsWhenTheIterationLeavesItMayTakeTheNextOneAlong) {
+   Map map;
+   for (const int key : {0, 8, 4, 12}) { // one chain, in this order
+      added(map, key);
+   }
+   map[0]->ending = [&map] { removed(map, map[8]); };
+   Step it(&map);
+   removed(map, it.ptr());
+   for (const int key : {8, 4, 12}) {
+      it.advance();
+      ASSERT_TRUE(it);
+      EXPECT_EQ(it->key, key);
+   }
+}
+
 } // namespace

@@ -201,8 +201,10 @@ template <class V, class K, class T> class HashMap<V, K, T>::IteratorConst {
          return;
       }
       if (map_->changeStamp_ != changeStamp_) {
+         // The stamp of this look: the entry left may end now, and change the map once more.
+         const std::uint32_t seen = map_->changeStamp_;
          current_ = static_cast<V*>(map_->findNextG(current_.get(), &bucket_));
-         changeStamp_ = map_->changeStamp_;
+         changeStamp_ = seen;
       } else if (V* const next = Traits::link(*current_).get()) {
          current_ = next;
       } else {
