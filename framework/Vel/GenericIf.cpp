@@ -158,9 +158,9 @@ Ptr<PtrInterface const> entityOf(const VelType& type, const Target& target,
    }
    const auto* const object = std::get_if<GenericValue::Object>(&given.any());
    const auto handle = object != nullptr ? Ptr<GenericIf const>::narrow(*object) : nullptr;
-   const Ptr<PtrInterface const> entity = handle              ? handle->entity()
-                                          : object != nullptr ? *object
-                                                              : nullptr;
+   Ptr<PtrInterface const> entity = handle              ? handle->entity()
+                                    : object != nullptr ? *object
+                                                        : nullptr;
    if (!entity || !entity->fwkType()->isA(type)) {
       target.refuse(type, given);
    }
@@ -181,20 +181,21 @@ void requireCount(const Target& target, std::size_t expected, std::size_t given)
 
 GenericArgs argsOf(const Target& target, const VelArg* table,
                    std::initializer_list<GenericValue> given) {
-   std::size_t expected = 0;
-   while (table != nullptr && table[expected].name != nullptr) {
+   const VelArg* expected = table;
+   while (expected != nullptr && expected->name != nullptr) {
       ++expected;
    }
-   if (expected != given.size()) {
+   if (static_cast<std::size_t>(expected - table) != given.size()) {
       target.fail("expected " + GenericIfImpl::shownArgs(table) + ", got " +
                   counted(given.size(), "value"));
    }
    GenericArgs args;
-   for (const GenericValue& value : given) {
-      const Target argument{target.owner, target.attribute, table->name};
-      const VelType* const type = typeNode(table->typeName);
+   for (const VelArg* arg = table; arg != expected; ++arg) {
+      const GenericValue& value = given.begin()[arg - table];
+      const Target argument{target.owner, target.attribute, arg->name};
+      const VelType* const type = typeNode(arg->typeName);
       if (type == nullptr) {
-         argument.fail(std::string("no type ") + table->typeName);
+         argument.fail(std::string("no type ") + arg->typeName);
       }
       if (isEntityType(*type)) {
          const Ptr<PtrInterface const> entity = entityOf(*type, argument, value);
@@ -206,7 +207,6 @@ GenericArgs argsOf(const Target& target, const VelArg* table,
          Native native = nativeOf(*type, argument, value);
          args.push_back(type->genericIf(address(native), true));
       }
-      ++table;
    }
    return args;
 }
@@ -223,12 +223,8 @@ const VelType* knownType(std::string_view name) {
 
 // ---- making handles ----
 
-Ptr<GenericIf> GenericIf::of(const Ptr<PtrInterface>& entity) {
-   return GenericIfImpl::GenericIfPtrInterface<PtrInterface>::GenericIf_Is(entity, false);
-}
-
-Ptr<GenericIf> GenericIf::of(const Ptr<PtrInterface const>& entity) {
-   return GenericIfImpl::wrapAttrValue(nullptr, entity.get(), true);
+Ptr<GenericIf> GenericIf::of(const PtrInterface* entity, bool isConst) {
+   return GenericIfImpl::wrapAttrValue(nullptr, entity, isConst);
 }
 
 Ptr<GenericIf> GenericIf::createFrom(std::string_view name, std::initializer_list<GenericValue> v) {
@@ -320,8 +316,12 @@ Ptr<GenericIf> GenericIf::attributeOp(const AttributeOp& op, void* key, void* va
 
 Ptr<GenericIf> GenericIf::at(const VelAttr* attr, unsigned kind,
                              std::span<const GenericValue> key) const {
-   const bool keyed = attr->is(VelAttr::collectionFlag) && kind != AttributeOp::members &&
-                      kind != AttributeOp::changeStamp;
+   const bool collection = attr->is(VelAttr::collectionFlag);
+   if (attr->is(VelAttr::functionFlag) || (kind == AttributeOp::has && !collection)) {
+      GenericIfImpl::throwOpNotSupportedException({attr, kind});
+   }
+   const bool keyed =
+      collection && kind != AttributeOp::members && kind != AttributeOp::changeStamp;
    if (keyed != !key.empty()) {
       targetOf(*attr).fail(keyed ? "expected a key" : "expected no key");
    }
@@ -400,7 +400,8 @@ GenericIf::Elements GenericIf::elements(const VelAttr* attr, const GenericValue*
       targetOf(*attr).fail(std::string("not an attribute of ") + type().name);
    }
    if (!attr->is(VelAttr::collectionFlag) || owner.attributeIterator == nullptr) {
-      targetOf(*attr).fail("not a collection");
+      throwOpNotSupportedException(
+         (std::string(owner.name) + '.' + attr->name + ": not a collection").c_str());
    }
    AttributeIterator at;
    at.owner_ = entity();

@@ -99,39 +99,42 @@ struct Text {
 class VEL_EXPORT GenericValue {
  public:
    GenericValue(std::nullptr_t) {}
-   GenericValue(bool value) : value_(value) {}
+   // Whole numbers and bool only: nothing else is to become one of them silently.
    template <class T>
       requires(std::integral<T> || std::is_enum_v<T>)
    GenericValue(T value) : value_(wide(value)) {}
-   GenericValue(const char* text) : value_(std::string_view(text)) {}
+   GenericValue(const char* text) : GenericValue(std::string_view(text != nullptr ? text : "")) {}
    GenericValue(std::string_view text) : value_(text) {}
    GenericValue(const std::string& text) : value_(std::string_view(text)) {}
    GenericValue(const String8& text) : value_(std::string_view(text)) {}
    GenericValue(Text text) : value_(text) {}
-   template <class T>
-      requires std::derived_from<T, PtrInterface> GenericValue(const Ptr<T>& object)
-         : value_(asObject(object.get())) {}
+   template <std::derived_from<PtrInterface> T>
+   GenericValue(T* object) : value_(asObject(object)) {}
+   template <std::derived_from<PtrInterface> T>
+   GenericValue(const Ptr<T>& object) : value_(asObject(object.get())) {}
 
-      using Object = Ptr<PtrInterface const>; // an entity, or a handle
-      using Any = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, std::string_view,
-                               Text, Object>;
-      const Any& any() const noexcept { return value_; }
+   using Object = Ptr<PtrInterface const>; // an entity, or a handle
+   using Any = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, std::string_view,
+                            Text, Object>;
+   const Any& any() const noexcept { return value_; }
 
-    private:
-      template <class T> static Any wide(T value) {
-         if constexpr (std::is_enum_v<T>) {
-            return wide(static_cast<std::underlying_type_t<T>>(value));
-         } else if constexpr (std::is_signed_v<T>) {
-            return static_cast<std::int64_t>(value);
-         } else {
-            return static_cast<std::uint64_t>(value);
-         }
+ private:
+   template <class T> static Any wide(T value) {
+      if constexpr (std::is_enum_v<T>) {
+         return wide(static_cast<std::underlying_type_t<T>>(value));
+      } else if constexpr (std::is_same_v<T, bool>) {
+         return value;
+      } else if constexpr (std::is_signed_v<T>) {
+         return static_cast<std::int64_t>(value);
+      } else {
+         return static_cast<std::uint64_t>(value);
       }
-      static Any asObject(const PtrInterface* object) {
-         return object != nullptr ? Any(Object(object)) : Any(nullptr);
-      }
+   }
+   static Any asObject(const PtrInterface* object) {
+      return object != nullptr ? Any(Object(object)) : Any(nullptr);
+   }
 
-      Any value_ = nullptr;
+   Any value_ = nullptr;
 };
 
 // A counted handle on an entity or on a plain value of a registered type. Activity thread only.
@@ -148,8 +151,9 @@ class VEL_EXPORT GenericIf : public PtrInterface {
    class Watch;
 
    // On an entity; const for a const one.
-   static Ptr<GenericIf> of(const Ptr<PtrInterface>& entity);
-   static Ptr<GenericIf> of(const Ptr<PtrInterface const>& entity);
+   template <std::derived_from<PtrInterface> T> static Ptr<GenericIf> of(const Ptr<T>& entity) {
+      return of(entity.get(), std::is_const_v<T>);
+   }
    // A new entity of a type that can be made from arguments.
    template <class... Values> static Ptr<GenericIf> create(std::string_view type, Values&&... v) {
       return createFrom(type, {GenericValue(std::forward<Values>(v))...});
@@ -240,6 +244,7 @@ class VEL_EXPORT GenericIf : public PtrInterface {
    ~GenericIf() override;
 
  private:
+   static Ptr<GenericIf> of(const PtrInterface* entity, bool isConst);
    static Ptr<GenericIf> createFrom(std::string_view type, std::initializer_list<GenericValue> v);
    Ptr<GenericIf> at(const VelAttr* attr, unsigned kind, std::span<const GenericValue> key) const;
    Ptr<GenericIf> writeFrom(const VelAttr* attr, std::initializer_list<GenericValue> v) const;

@@ -1,0 +1,303 @@
+// The front of generic access, which takes names, values and text: what it accepts and refuses,
+// what it passes on and what it keeps alive.
+#include "GenericFixture.h"
+
+#include <climits>
+#include <cstring>
+#include <typeinfo>
+
+namespace {
+
+// What was not meant as a number or a truth doesn't become one.
+static_assert(!std::is_constructible_v<GenericValue, double>);
+static_assert(!std::is_constructible_v<GenericValue, void*>);
+
+TEST_F(GenericAccess, TakesValuesAndTextAndGoesThroughTheVirtualOperations) {
+   sm->write("errorTerminationCount", "517");
+   sm->write("successfulTerminationCount", plain(3U));
+   sm->write("lastFailedProcessTerminationError", "signaled");
+   sm->write("lastFailedProcess", childIf);
+   sm->write("childProcess", other.get());
+   const Handle made = sm->write("process", "42", "new one", readEnd());
+   sm->call("forkedChildExitCallback", made);
+   sm->call("handleTerminatedChildProcess", "41"); // has not ended
+   EXPECT_EQ(calls, (Calls{"error 2", "lastFailed 41", "childProcessIs 43", "processIs 42",
+                           "childProcessIs 42", "hook 42"}));
+   contextIf->write("skipFd", "8", "true");
+   EXPECT_TRUE(context->skipFd(8));
+   EXPECT_EQ(childIf->write("siginfo", "end", 41)->entity(), child->siginfo());
+   EXPECT_EQ(made->entity(), sm->read("process", "42")->entity());
+   EXPECT_EQ(made->read("description")->stringValue(), "new one");
+   EXPECT_EQ(sm->read("errorTerminationCount")->unsignedValue(), 517U);
+   EXPECT_EQ(sm->read("lastFailedProcessTerminationError")->strRep(), "signaled");
+   EXPECT_EQ(sm->read("process", 99), nullptr);
+   EXPECT_TRUE(sm->has("childProcess", 43) && !sm->has("childProcess", 99));
+   EXPECT_FALSE(contextIf->has("skipFd", 9) || contextIf->read("skipFd", 9)->boolValue());
+   EXPECT_EQ(sm->members("process"), 2U);
+}
+
+TEST_F(GenericAccess, RefusesWithAMessageAndChangesNothing) {
+   const Handle fixed = GenericIf::of(Child(child));
+   const Handle watched = sm->read("childProcess", 41);
+   const struct {
+      Handle on;
+      char op;
+      const char* attr;
+      Values values;
+      const char* expected; // behind the names of the type and the attribute
+      bool unsupported = false;
+   } refusals[] = {
+      {sm, 'w', "errorTerminationCount", {-1}, "expected unsigned int, got -1"},
+      {sm, 'w', "errorTerminationCount", {1LL << 32}, "expected unsigned int, got 4294967296"},
+      {sm,
+       'w',
+       "errorTerminationCount",
+       {"4294967296"},
+       "expected unsigned int, got \"4294967296\""},
+      {sm, 'w', "errorTerminationCount", {"7 "}, "expected unsigned int, got \"7 \""},
+      {sm, 'w', "errorTerminationCount", {nullptr}, "expected unsigned int, got nothing"},
+      {sm, 'w', "errorTerminationCount", {}, "expected 1 value, got 0"},
+      {sm,
+       'w',
+       "lastFailedProcessTerminationError",
+       {"signalled"},
+       "expected Zor::ChildProcessTrackerSm::terminationError, got \"signalled\""},
+      {sm,
+       'w',
+       "lastFailedProcess",
+       {contextIf},
+       "expected Zor::ChildProcess, got a Zor::ChildProcessTrackerCloseFdsContext"},
+      {sm,
+       'w',
+       "process",
+       {42, "new"},
+       "expected (pid S32, description Vel::String, readFromChildFd S32), got 2 values"},
+      {sm, 'w', "process", {42, true, 0}, "expected description Vel::String, got true"},
+      {sm, 'w', "process", {42, "new", "three"}, "expected readFromChildFd int, got \"three\""},
+      {sm, 'r', "process", {"x"}, "expected key int, got \"x\""},
+      {sm, 'r', "process", {}, "expected a key"},
+      {sm, 'r', "lastFailedProcess", {1}, "expected no key"},
+      {sm, 'd', "childProcess", {1LL << 31}, "expected key int, got 2147483648"},
+      {sm,
+       'i',
+       "process",
+       {contextIf},
+       "expected key int, got a Zor::ChildProcessTrackerCloseFdsContext"},
+      {sm,
+       'c',
+       "forkedChildExitCallback",
+       {nullptr},
+       "expected child Zor::ChildProcess, got nothing"},
+      {contextIf, 'w', "skipFd", {7, 0}, "expected bool, got 0"},
+      {childIf, 'w', "pid", {42}, "writing is not supported", true},
+      {childIf, 'd', "description", {}, "deleting is not supported", true},
+      {childIf, 'h', "pid", {41}, "asking for a key is not supported", true},
+      {childIf, 'n', "pid", {}, "members is not supported", true},
+      {childIf, 'r', "handleInitialized", {}, "reading is not supported", true},
+      {childIf, 'c', "siginfo", {1}, "calling is not supported", true},
+      {childIf, 'i', "pid", {}, "not a collection", true},
+      {childIf, 'o', "pid", {}, "changes are not announced", true},
+      {fixed, 'd', "siginfo", {}, "the handle is const", true},
+      {fixed, 'c', "handleInitialized", {1}, "the handle is const", true},
+      {watched, 'w', "siginfo", {"end", 1}, "the handle is const", true},
+   };
+   const auto before = state();
+   for (const auto& refusal : refusals) {
+      const std::string message =
+         refusal.on->type().name + (std::string(".") + refusal.attr + ": ") + refusal.expected;
+      try {
+         operate(refusal.on, refusal.op, std::string_view(refusal.attr), refusal.values);
+         ADD_FAILURE() << "not refused: " << message;
+      } catch (const Vel::Exception& refused) {
+         EXPECT_EQ(refused.what(), message);
+         EXPECT_TRUE(typeid(refused) == (refusal.unsupported ? typeid(Vel::OpNotSupportedException)
+                                                             : typeid(Vel::RangeException)));
+      }
+   }
+   EXPECT_EQ(state(), before);
+}
+
+template <class Refusal> std::string messageOf(void (*act)(const Handle&), const Handle& on) {
+   try {
+      act(on);
+   } catch (const Refusal& refused) {
+      return refused.what();
+   }
+   return "";
+}
+
+TEST_F(GenericAccess, RefusesNamesThatItDoesNotKnow) {
+   using Vel::OpNotSupportedException;
+   using Vel::RangeException;
+   EXPECT_EQ(messageOf<RangeException>([](auto& on) { on->read("proces"); }, sm),
+             "Zor::ChildProcessTrackerSm: no attribute \"proces\"");
+   EXPECT_EQ(messageOf<RangeException>([](auto& on) { on->read(childType->attrs); }, sm),
+             "Zor::ChildProcess.pid: not an attribute of Zor::ChildProcessTrackerSm");
+   EXPECT_EQ(messageOf<RangeException>([](auto& on) { on->boolValue(); }, plain(41)),
+             "expected bool, got int");
+   EXPECT_EQ(messageOf<RangeException>([](auto&) { GenericIf::create("Zor::Tracker"); }, sm),
+             "no type Zor::Tracker");
+   EXPECT_EQ(messageOf<RangeException>([](auto&) { GenericIf::create(smType->name, 1); }, sm),
+             "Zor::ChildProcessTrackerSm: expected (), got 1 value");
+   EXPECT_EQ(messageOf<OpNotSupportedException>(
+                [](auto&) { GenericIf::create("Zor::ChildProcess", 1, "x", 2); }, sm),
+             "Zor::ChildProcess: can't be created");
+   EXPECT_TRUE(GenericIf::create(smType->name)->entity()->hasNotificationActive());
+}
+
+TEST_F(GenericAccess, PassesOnWhatTheOperationThrowsAndLeaksNothing) {
+   const int fd = readEnd();
+   const auto tallied = liveHandles();
+   EXPECT_THROW(sm->write("process", 41, "another", fd), Vel::NameInUseException);
+   EXPECT_THROW(sm->write("process", 42, "unwatchable", -1), Vel::SystemException);
+   EXPECT_THROW(sm->write("childProcess", nullptr), Vel::RangeException);
+   tracker->hook = [](const Child&) { throw 7; };
+   EXPECT_THROW(sm->call("forkedChildExitCallback", childIf), int);
+   EXPECT_EQ(childIf->read("siginfo")->entity(), child->siginfo());
+   tracker->calls = nullptr; // whose notes would take memory
+   bool made = false;
+   for (int memory = 0; !made; ++memory) { // each allocation fails once
+      newsLeft = memory;
+      try {
+         made = sm->write("process", "42", "a longer description of it", fd) != nullptr;
+      } catch (const std::bad_alloc&) {
+      }
+      newsLeft = INT_MAX;
+      EXPECT_EQ(liveHandles(), tallied);
+   }
+   EXPECT_EQ(sm->members("process"), 2U);
+}
+
+TEST_F(GenericAccess, IteratesWhileElementsGo) {
+   std::set<int> left;
+   for (int pid = 100; pid < 140; ++pid) {
+      record(pid);
+      left.insert(pid);
+   }
+   tracker->processDel(41);
+   for (const auto& [pid, watched] : sm->iterate("childProcess")) {
+      EXPECT_EQ(watched->read("pid")->intValue(), pid->intValue());
+      EXPECT_TRUE(watched->isConst());
+      sm->del("childProcess", pid);
+   }
+   for (const auto& [pid, tracked] : sm->iterate("process")) {
+      EXPECT_FALSE(tracked->isConst());
+      EXPECT_EQ(left.erase(pid->intValue()), 1U);
+      sm->del("process", pid);
+      const auto neighbour = left.lower_bound(pid->intValue() ^ 1);
+      if (neighbour != left.end()) { // gone before its turn
+         sm->del("process", *neighbour);
+         left.erase(neighbour);
+      }
+   }
+   EXPECT_TRUE(left.empty());
+   EXPECT_EQ(sm->members("process") + sm->members("childProcess"), 0U);
+   for (const auto& [fd, keep] : contextIf->iterate("skipFd", 7)) {
+      EXPECT_TRUE(fd->intValue() == 7 && keep->boolValue());
+      contextIf = nullptr;
+      context = nullptr; // the iteration keeps it
+   }
+}
+
+TEST_F(GenericAccess, StartsAtAKeyOrNowhere) {
+   for (const char* collection : {"process", "childProcess"}) {
+      for (const int key : {41, 40, 42, 0, -1}) {
+         auto elements = sm->iterate(collection, key);
+         EXPECT_EQ(elements.begin() == elements.end(), key != 41);
+      }
+   }
+   const Vel::AttributeIteratorVTable* table = nullptr;
+   EXPECT_EQ(smType->attributeIterator(tracker.get(), smType->attrs + 1, &table), nullptr);
+   EXPECT_EQ(table, nullptr);
+}
+
+TEST_F(GenericAccess, WatchesWeaklyUntilEitherSideGoes) {
+   int changes = 0;
+   const auto count = [&changes] { ++changes; };
+   auto watch = childIf->watch("siginfo", count);
+   auto outliving = childIf->watch("siginfo", count);
+   auto within = watch;
+   within = childIf->watch("siginfo", [&] { within = nullptr; });
+   childIf->write("siginfo", "end", 41);
+   EXPECT_EQ(changes, 2);
+   EXPECT_EQ(within, nullptr);
+   watch = nullptr;
+   childIf->del("siginfo");
+   EXPECT_EQ(changes, 3);
+
+   const auto bridge = childType->genericNotifiee(nullptr);
+   EXPECT_EQ(bridge->notifieeFlags(), 0x04000000U);
+   EXPECT_TRUE(bridge->hasNotificationActive());
+   bridge->notifierIs(child);
+   bridge->isRegisteredNotifieeIs(true);
+   childIf->write("siginfo", "again", 41); // with nobody to tell
+   bridge->notifierIs(nullptr);
+
+   const auto live = Zor::ChildProcess::velAllocTrackTypeInfo_->liveCount();
+   sm->del("process", 41);
+   childIf = nullptr;
+   child = nullptr;
+   EXPECT_EQ(Zor::ChildProcess::velAllocTrackTypeInfo_->liveCount(), live - 1);
+   EXPECT_EQ(changes, 5);
+}
+
+TEST_F(GenericAccess, KeepsWhatTheTrackerForgot) {
+   const Handle forgotten = sm->del("process", "41");
+   child = nullptr;
+   childIf = nullptr;
+   worldDel();
+   EXPECT_EQ(forgotten->read("description")->stringValue(), "worker");
+   EXPECT_EQ(forgotten->read("siginfo")->read("pid")->intValue(), 41);
+}
+
+TEST_F(GenericAccess, ReadsWithOneAllocation) {
+   const VelAttr* const attrs[] = {sm->attr("errorTerminationCount"), childIf->attr("description"),
+                                   childIf->attr("siginfo")};
+   for (const VelAttr* attr : attrs) {
+      newsLeft = 1;
+      const Handle value = (attr == attrs[0] ? sm : childIf)->read(attr);
+      newsLeft = INT_MAX;
+      EXPECT_NE(value, nullptr);
+   }
+   newsLeft = 1;
+   const Handle found = sm->read("process", 41);
+   newsLeft = INT_MAX;
+   EXPECT_EQ(found->entity(), child);
+}
+
+TEST(GenericText, OfEveryValueParsesBack) {
+   std::vector<Handle> values{plain(true),           plain(false),      plain(INT_MIN),
+                              plain(INT_MAX),        plain(0),          plain(UINT_MAX),
+                              plain(Vel::String8()), plain(Vel::Name())};
+   std::string all;
+   for (int byte = 0; byte < 256; ++byte) {
+      const std::string one{static_cast<char>(byte)};
+      values.push_back(plain(static_cast<unsigned char>(byte)));
+      values.push_back(plain(Vel::Name(one)));
+      for (const char* after : {"", "0", "aF", "\\", "\"", "n", "x41"}) {
+         values.push_back(plain(Vel::String8(one + after)));
+         all += one + after;
+      }
+   }
+   values.push_back(plain(Vel::String8(all)));
+   const VelType& errors = Sm::_velType_terminationError;
+   for (const unsigned error : {0U, 1U, 2U, 3U, UINT_MAX}) {
+      values.push_back(errors.genericIf(&error, false));
+   }
+   for (const Handle& value : values) {
+      const Vel::String8 text = value->strRep();
+      const Handle parsed = GenericIf::parse(value->type(), text);
+      ASSERT_EQ(&parsed->type(), &value->type());
+      ASSERT_EQ(parsed->strRep(), text);
+      const auto* const string = static_cast<const Vel::String8*>(parsed->object());
+      const bool isText = text.charPtr()[0] == '"';
+      ASSERT_TRUE(isText ? *string == value->stringValue()
+                         : std::memcmp(parsed->object(), value->object(), value->type().size) == 0);
+      const std::string more = std::string(text) + ' ';
+      ASSERT_THROW(GenericIf::parse(value->type(), more), Vel::RangeException) << text;
+   }
+   EXPECT_THROW(GenericIf::parse(*childType, "517"), Vel::RangeException);
+   EXPECT_THROW(GenericIf::parse(Vel::_velType_void, ""), Vel::RangeException);
+}
+
+} // namespace
