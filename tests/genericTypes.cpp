@@ -1,0 +1,353 @@
+// The type descriptors, read back as the words that lie in the libraries, and what the operations
+// behind them do: every kind on every attribute.
+#include "GenericFixture.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <dlfcn.h>
+#include <elf.h>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Word = std::uintptr_t;
+
+constinit std::array<const VelType*, 64> registered{};
+constinit std::size_t registeredCount = 0;
+
+} // namespace
+
+// Comes before the library's own, to see in which order the types arrive there.
+[[gnu::visibility("default")]] void Vel::typeNodeIs(const VelType* type) {
+   registered.at(registeredCount++) = type;
+   static void* const own = ::dlsym(RTLD_NEXT, "_ZN3Vel10typeNodeIsEPKNS_7VelTypeE");
+   reinterpret_cast<void (*)(const VelType*)>(own)(type);
+}
+
+namespace {
+
+template <std::size_t count> std::array<Word, count> wordsAt(Word address) {
+   std::array<Word, count> words;
+   std::memcpy(words.data(), reinterpret_cast<const void*>(address), sizeof words);
+   return words;
+}
+template <class T> Word word(T pointer) { return reinterpret_cast<Word>(pointer); }
+
+std::string textAt(Word text) { return text != 0 ? reinterpret_cast<const char*>(text) : "-"; }
+// The first word of a descriptor, provided that the registry leads to that very descriptor.
+std::string typeAt(Word type) {
+   const std::string name = type != 0 ? textAt(wordsAt<1>(type)[0]) : "-";
+   return type == 0 || word(Vel::typeNode(name)) == type ? name : "not registered";
+}
+std::string argsAt(Word table) {
+   std::string args = table != 0 ? "(" : "-";
+   for (; table != 0 && wordsAt<2>(table)[0] != 0; table += 2 * sizeof(Word)) {
+      args += textAt(wordsAt<2>(table)[0]) + ' ' + textAt(wordsAt<2>(table)[1]) + ' ';
+   }
+   return args + (table != 0 ? ")" : "");
+}
+std::string hex(Word number) { return Vel::format("%lx", number).charPtr(); }
+
+std::string attrAt(Word record, Word owner) {
+   const auto words = wordsAt<8>(record);
+   return textAt(words[0]) + ' ' + hex(words[1]) + ' ' + (words[2] == owner ? "" : "not ours ") +
+          typeAt(words[3]) + ' ' + typeAt(words[4]) + ' ' + textAt(words[5]) + ' ' +
+          argsAt(words[6]) + ' ' + hex(words[7]);
+}
+
+using Entities = Vel::GenericIfImpl::GenericIfPtrInterface<Vel::PtrInterface>;
+using Enumerations = Vel::GenericIfImpl::GenericIfEnum<unsigned>;
+
+// The seven operations: e and n for the framework's of entities and enumerations, + for the type's.
+std::string functionsIn(const std::array<Word, 17>& words) {
+   std::string functions;
+   for (std::size_t n = 10; n < words.size(); ++n) {
+      const Word entity = word(n == 10 ? Entities::FromPtrInterface : nullptr) |
+                          word(n == 12 ? Entities::FromStrRep : nullptr);
+      const Word number = word(n == 10 ? Enumerations::FromVoidPointer : nullptr) |
+                          word(n == 12 ? Enumerations::FromStrRep : nullptr);
+      functions += words[n] == 0 ? '-' : words[n] == entity ? 'e' : words[n] == number ? 'n' : '+';
+   }
+   return functions;
+}
+
+std::string linesOf(const VelType& type) {
+   const auto words = wordsAt<17>(word(&type));
+   std::string lines = textAt(words[0]) + ' ' + typeAt(words[2]) + ' ' + argsAt(words[5]) + ' ' +
+                       hex(words[6]) + ' ' + hex(words[7] | words[8] | words[9]) + ' ' +
+                       functionsIn(words) + '\n';
+   for (Word n = 0; n < words[4]; ++n) {
+      lines += "  " + attrAt(words[3] + n * 8 * sizeof(Word), word(&type)) + '\n';
+   }
+   return lines;
+}
+
+constexpr const char* expectedLines =
+   R"(Zor::ChildProcess Vel::PtrInterface (pid S32 description Vel::String readFromChildFd S32 ) ffff 0 e-e+--+
+  pid 82 int - - - 580002ff
+  description 83 Vel::String - - - 580002ff
+  siginfo 85 Vel::ChildSiginfo - - (name Vel::Name pid int ) b92002ff
+  handleInitialized 86 void - - (readFromChildFd S32 ) 101000ff
+Zor::ChildProcessTrackerCloseFdsContext Vel::PtrInterface - ffff 0 e-e+++-
+  skipFd 82 bool int - - 380102ff
+Zor::ChildProcessTrackerSm - - 4ffff 0 e+e+++-
+  process 82 Zor::ChildProcess int pid (pid S32 description Vel::String readFromChildFd S32 ) 39210200
+  forkedChildExitCallback 84 void - - (child Zor::ChildProcess ) 101000ff
+  handleTerminatedChildProcess 85 void - - (pid S32 ) 101000ff
+  childProcess 86 Zor::ChildProcess int pid - 382102ff
+  lastFailedProcess 87 Zor::ChildProcess - - - 382002ff
+  lastFailedProcessTerminationError 88 Zor::ChildProcessTrackerSm::terminationError - - - 380002ff
+  successfulTerminationCount 89 unsigned int - - - 380002ff
+  errorTerminationCount 8a unsigned int - - - 380002ff
+Zor::ChildProcessTrackerSm::terminationError - - 11ffff 0 n-n----
+  invalid 0 Zor::ChildProcessTrackerSm::terminationError - - - 508000ff
+  nonZeroExitStatus 1 Zor::ChildProcessTrackerSm::terminationError - - - 508000ff
+  signaled 2 Zor::ChildProcessTrackerSm::terminationError - - - 508000ff
+)";
+
+TEST(GenericDescriptors, AreTheseWordsAndArriveInThisOrder) {
+   std::string lines;
+   for (const VelType* type : registered) {
+      if (type != nullptr && std::string_view(type->name).starts_with("Zor::")) {
+         lines += linesOf(*type);
+      }
+   }
+   EXPECT_EQ(lines, expectedLines);
+}
+
+TEST(GenericDescriptors, GiveTheSizesOfTheObjects) {
+   EXPECT_EQ(wordsAt<2>(word(&Sm::_velType))[1], sizeof(Sm));
+   EXPECT_EQ(wordsAt<2>(word(&Zor::ChildProcess::_velType))[1], sizeof(Zor::ChildProcess));
+   EXPECT_EQ(wordsAt<2>(word(&Context::_velType))[1], sizeof(Context));
+   EXPECT_EQ(wordsAt<2>(word(&Sm::_velType_terminationError))[1], 4U);
+}
+
+template <class T> T readAt(std::ifstream& file, std::uint64_t offset) {
+   T read{};
+   file.seekg(static_cast<std::streamoff>(offset));
+   file.read(reinterpret_cast<char*>(&read), sizeof read);
+   return read;
+}
+
+// The read-only section of the loaded file in which an address lies.
+std::string sectionOf(const void* address) {
+   Dl_info info;
+   EXPECT_NE(::dladdr(address, &info), 0);
+   const Word at = word(address) - word(info.dli_fbase);
+   std::ifstream file(info.dli_fname, std::ios::binary);
+   const auto header = readAt<Elf64_Ehdr>(file, 0);
+   const auto section = [&](unsigned n) {
+      return readAt<Elf64_Shdr>(file, header.e_shoff + n * sizeof(Elf64_Shdr));
+   };
+   const auto names = section(header.e_shstrndx).sh_offset;
+   for (unsigned n = 1; n < header.e_shnum; ++n) {
+      const Elf64_Shdr found = section(n);
+      if (at - found.sh_addr < found.sh_size && (found.sh_flags & SHF_WRITE) == 0) {
+         return readAt<std::array<char, 32>>(file, names + found.sh_name).data();
+      }
+   }
+   return "";
+}
+
+TEST(GenericDescriptors, HaveTheirNamesInASectionOfTheirOwn) {
+   for (std::size_t n = 0; n < registeredCount; ++n) {
+      EXPECT_EQ(sectionOf(registered.at(n)->name), ".vel.type") << registered.at(n)->name;
+   }
+}
+
+// ---- operations ----
+
+// Notes the two changes that the other tests have no need of.
+class NotingTracker : public RudeTracker {
+ public:
+   void successfulTerminationCountIs(unsigned n) override {
+      calls->push_back("successes are " + std::to_string(n));
+      Sm::successfulTerminationCountIs(n);
+   }
+   void errorTerminationCountIs(unsigned n) override {
+      calls->push_back("errors are " + std::to_string(n));
+      Sm::errorTerminationCountIs(n);
+   }
+};
+
+// Every change of the world as text.
+class GenericOperations : public GenericAccess {
+ protected:
+   enum Given { nothing, process, hook, ended, entity, number, flag, siginfo, pipe };
+
+   Vel::Ptr<RudeTracker> newWorldTracker() const override {
+      return Zor::newTracker<NotingTracker>();
+   }
+   // What a raw operation takes, with the world made ready for it.
+   void* given(Given what) {
+      if (what == ended) {
+         tracker->childProcessDel(41); // so that the end is first heard of by the call
+         endIs(*child, Siginfo::killed, 9);
+      } else if (what == pipe) {
+         child->siginfoDel();
+      }
+      calls.clear();
+      before = lines();
+      const int fd = what == process || what == pipe ? readEnd() : -1;
+      args = what == process   ? GenericArgs{plain(42), plain(Vel::String8("new")), plain(fd)}
+             : what == hook    ? GenericArgs{childIf}
+             : what == siginfo ? GenericArgs{plain(Vel::Name("end")), plain(41)}
+                               : GenericArgs{plain(what == pipe ? fd : 41)};
+      return what == entity   ? static_cast<Vel::PtrInterface*>(other.get())
+             : what == number ? static_cast<void*>(&two)
+             : what == flag   ? static_cast<void*>(&off)
+                              : &args;
+   }
+
+   std::set<std::string> lines() const {
+      const auto numbered = [](const char* name, auto n) { return name + std::to_string(n); };
+      const Child last = tracker->lastFailedProcess();
+      std::set<std::string> all{numbered("last ", last ? last->pid() : 0),
+                                numbered("error ", tracker->lastFailedProcessTerminationError()),
+                                numbered("successes ", tracker->successfulTerminationCount()),
+                                numbered("errors ", tracker->errorTerminationCount())};
+      if (child->siginfo()) {
+         all.insert(child->siginfo()->name().charPtr());
+      }
+      for (auto it = tracker->process().begin(); it; ++it) {
+         all.insert(numbered("process ", it->pid()));
+      }
+      for (auto it = tracker->childProcess().begin(); it; ++it) {
+         all.insert(numbered("reactor ", it->fwkKey()));
+      }
+      for (auto it = context->skipFd().begin(); it; ++it) {
+         all.insert(numbered(it->value() ? "keep " : "skip ", it->fwkKey()));
+      }
+      return all;
+   }
+   // The virtual operations called, and what of the state is new (+) or gone (-).
+   std::string effect() const {
+      std::string text;
+      for (const std::string& call : calls) {
+         text += call + ", ";
+      }
+      const auto now = lines();
+      const auto add = [&text](const char* mark, const auto& from, const auto& without) {
+         for (const std::string& line : from) {
+            text += without.contains(line) ? "" : mark + line + ", ";
+         }
+      };
+      add("+", now, before);
+      add("-", before, now);
+      return text.substr(0, text.size() - (text.empty() ? 0 : 2));
+   }
+
+   static std::string shown(const Handle& handle) {
+      if (!handle || !handle->entity()) {
+         return handle ? handle->strRep().charPtr() : "none";
+      }
+      return handle->type().name + std::to_string(handle->read("pid")->intValue());
+   }
+
+   std::set<std::string> before;
+   GenericArgs args;
+   unsigned two = 2;
+   bool off = false;
+
+   struct Row {
+      const VelType* type;
+      unsigned id, kind;
+      Given given;
+      const char* result;
+      const char* effect;
+      bool alwaysConst = false;
+   };
+   static const Row rows[];
+   void check(const VelType& type, Vel::PtrInterface* object, unsigned id, unsigned kind,
+              bool isConst);
+};
+
+constexpr const char* child41 = "Zor::ChildProcess41";
+constexpr const char* siginfo41 = "Vel::ChildSiginfo41";
+const GenericOperations::Row GenericOperations::rows[] = {
+   {smType, 0x82, 0, nothing, child41, ""},
+   {smType, 0x82, 1, process, "Zor::ChildProcess42",
+    "processIs 42, childProcessIs 42, +process 42, +reactor 42"},
+   {smType, 0x82, 2, nothing, child41,
+    "processDel 41, childProcessDel 41, -process 41, -reactor 41"},
+   {smType, 0x82, 3, nothing, "1", ""},
+   {smType, 0x82, 4, nothing, "1", ""},
+   {smType, 0x82, 5, nothing, "true", ""},
+   {smType, 0x84, 8, hook, "none", "hook 41"},
+   {smType, 0x85, 8, ended, "none",
+    "lastFailed 41, error 2, errors 1, hook 41, processDel 41, childProcessDel 41, "
+    "+error 2, +errors 1, +last 41, -error 0, -errors 0, -last 0, -process 41"},
+   {smType, 0x86, 0, nothing, child41, "", true},
+   {smType, 0x86, 1, entity, "none", "childProcessIs 43, +reactor 43"},
+   {smType, 0x86, 2, nothing, child41, "childProcessDel 41, -reactor 41", true},
+   {smType, 0x86, 3, nothing, "1", ""},
+   {smType, 0x86, 4, nothing, "1", ""},
+   {smType, 0x86, 5, nothing, "true", ""},
+   {smType, 0x87, 0, nothing, "none", ""},
+   {smType, 0x87, 1, entity, "none", "lastFailed 43, +last 43, -last 0"},
+   {smType, 0x88, 0, nothing, "invalid", ""},
+   {smType, 0x88, 1, number, "none", "error 2, +error 2, -error 0"},
+   {smType, 0x89, 0, nothing, "0", ""},
+   {smType, 0x89, 1, number, "none", "successes are 2, +successes 2, -successes 0"},
+   {smType, 0x8a, 0, nothing, "0", ""},
+   {smType, 0x8a, 1, number, "none", "errors are 2, +errors 2, -errors 0"},
+   {contextType, 0x82, 0, nothing, "true", ""},
+   {contextType, 0x82, 1, flag, "none", "+skip 7, -keep 7"},
+   {contextType, 0x82, 2, nothing, "true", "-keep 7"},
+   {contextType, 0x82, 3, nothing, "1", ""},
+   {contextType, 0x82, 4, nothing, "1", ""},
+   {contextType, 0x82, 5, nothing, "true", ""},
+   {childType, 0x82, 0, nothing, "41", ""},
+   {childType, 0x83, 0, nothing, "\"worker\"", ""},
+   {childType, 0x85, 0, nothing, siginfo41, ""},
+   {childType, 0x85, 1, siginfo, siginfo41, "+end, -ChildSiginfo-41"},
+   {childType, 0x85, 2, nothing, siginfo41, "-ChildSiginfo-41"},
+   {childType, 0x86, 8, pipe, "none", "+ChildSiginfo-41"},
+};
+
+void GenericOperations::check(const VelType& type, Vel::PtrInterface* object, unsigned id,
+                              unsigned kind, bool isConst) {
+   const auto* const row = std::find_if(std::begin(rows), std::end(rows), [&](const Row& each) {
+      return each.type == &type && each.id == id && each.kind == kind;
+   });
+   const bool supported = row != std::end(rows);
+   const auto* const end = type.attrs + type.attrCount;
+   const auto* const attr =
+      std::find_if(type.attrs, end, [id](const VelAttr& each) { return each.id == id; });
+   VelAttr record = attr != end ? *attr : *type.attrs;
+   record.id = id;
+   int key = &type == contextType ? 7 : 41;
+   void* const value = given(supported ? row->given : nothing);
+   bool notHandled = false;
+   try {
+      const AttributeOp op{&record, kind};
+      const Handle result = type.attributeOp(object, isConst, op, &key, value, &notHandled);
+      EXPECT_EQ(notHandled, attr == end);
+      EXPECT_EQ(shown(result), supported ? row->result : "none");
+      EXPECT_EQ(effect(), supported ? row->effect : "");
+      EXPECT_TRUE(supported || notHandled) << "not refused";
+      EXPECT_TRUE(!result || !supported || result->isConst() == (row->alwaysConst || isConst));
+   } catch (const Vel::OpNotSupportedException&) {
+      EXPECT_TRUE(attr != end && !supported && !notHandled);
+   }
+   args.clear();
+   if (supported) {
+      worldIs();
+   }
+}
+
+TEST_F(GenericOperations, DoesOnEachAttributeWhatItsTypeSays) {
+   for (unsigned n = 0; n < 3 * 16 * 10 * 2; ++n) {
+      const unsigned id = 0x80 + n % 16;
+      const unsigned kind = n / 16 % 10;
+      const bool isConst = n / 160 % 2 != 0;
+      const Handle on = std::array{sm, childIf, contextIf}[n / 320];
+      SCOPED_TRACE(Vel::format("%s  id %x kind %u const %d", on->type().name, id, kind, isConst));
+      check(on->type(), const_cast<Vel::PtrInterface*>(on->entity().get()), id, kind, isConst);
+   }
+}
+
+} // namespace
