@@ -13,14 +13,19 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <limits>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <new>
 #include <set>
 #include <string>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -41,6 +46,38 @@ using Context = Zor::ChildProcessTrackerCloseFdsContext;
 using Siginfo = Vel::ChildSiginfo;
 using Child = Vel::Ptr<Zor::ChildProcess const>;
 using Calls = std::vector<std::string>;
+
+inline constexpr int cannot = 77; // what the test needs is not to be had here
+
+// Memory that a child's findings come back in.
+template <class T> class Shared {
+ public:
+   Shared()
+      : found_(::new (::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                             -1, 0)) T{}) {}
+   Shared(const Shared&) = delete;
+   Shared& operator=(const Shared&) = delete;
+   ~Shared() { ::munmap(found_, sizeof(T)); }
+   T& operator*() const { return *found_; }
+
+ private:
+   T* found_;
+};
+
+// From here on the system call fails like that in this process.
+inline void refuse(unsigned number, unsigned error) {
+   sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+   };
+   const sock_fprog program{4, filter};
+   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+       ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+      ::_exit(cannot);
+   }
+}
 
 inline Vel::Ptr<Vel::ActivityManagerSm> manager() {
    return Vel::ActivityImplFacility::activityManagerSm();
@@ -150,6 +187,7 @@ inline void awaitZombie(int pid) {
 // Ends a forked process with what its expectations came to, and 99 for an exception.
 [[noreturn]] inline void runAndExit(const std::function<void()>& body) {
    int status = 99;
+   ::alarm(30); // whoever forked it may be gone
    try {
       body();
       status = testing::Test::HasFailure() ? 1 : 0;
@@ -165,7 +203,6 @@ inline int apart(const std::function<void()>& body) {
    std::fflush(stdout);
    const pid_t pid = ::fork();
    if (pid == 0) {
-      ::alarm(20);
       runAndExit(body);
    }
    int status = -1;

@@ -4,17 +4,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <fstream>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <locale>
 #include <new>
 #include <sched.h>
 #include <stdexcept>
-#include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -24,24 +19,7 @@ namespace {
 using testing::ElementsAre;
 using Vel::String8;
 
-constexpr int cannot = 77; // what the test needs is not to be had here
-
 using Forking = TrackerTest;
-
-// Memory that a child's findings come back in.
-template <class T> class Shared {
- public:
-   Shared()
-      : found_(::new (::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                             -1, 0)) T{}) {}
-   Shared(const Shared&) = delete;
-   Shared& operator=(const Shared&) = delete;
-   ~Shared() { ::munmap(found_, sizeof(T)); }
-   T& operator*() const { return *found_; }
-
- private:
-   T* found_;
-};
 
 // What a child has open, by number.
 struct Open {
@@ -77,21 +55,6 @@ void limitIs(rlim_t limit) {
    ::getrlimit(RLIMIT_NOFILE, &present);
    present.rlim_cur = limit;
    if (::setrlimit(RLIMIT_NOFILE, &present) != 0) {
-      ::_exit(cannot);
-   }
-}
-
-// From here on the system call fails like that in this process.
-void refuse(unsigned number, unsigned error) {
-   sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-   };
-   const sock_fprog program{4, filter};
-   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-       ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
       ::_exit(cannot);
    }
 }

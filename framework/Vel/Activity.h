@@ -120,7 +120,8 @@ class VEL_EXPORT FileDescriptor : public PtrInterface {
    std::uint32_t wantedEvents() const noexcept;
    void nonBlockingApply() noexcept;
    void watchUpdate();
-   void deliver(std::uint32_t events);
+   // serial: the number's; another one once this object has given the number up.
+   void deliver(std::uint32_t events, const std::uint32_t& serial);
    void close() noexcept;
    void forget() noexcept { descriptor_ = -1; }
 

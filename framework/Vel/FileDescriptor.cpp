@@ -81,9 +81,9 @@ void FileDescriptor::watchUpdate() {
    }
 }
 
-void FileDescriptor::deliver(std::uint32_t events) {
+void FileDescriptor::deliver(std::uint32_t events, const std::uint32_t& serial) {
    const Ptr<FileDescriptor> self(this); // a handler may drop every other handle on it
-   const int descriptor = descriptor_;   // ... or have it own another one, or none
+   const std::uint32_t fetched = serial; // ... or have it own another one, even of this number
    if ((settings_ & childPipeSetting) == 0) {
       ActivityCore::instance().deliveryMade();
    }
@@ -91,10 +91,10 @@ void FileDescriptor::deliver(std::uint32_t events) {
    if (notifyOnReadable() && (failed || (events & (EPOLLIN | EPOLLRDHUP)) != 0)) {
       announceTo<&NotifieeConst::onReadable, NotifieeConst>(this, notifieeList_);
    }
-   if (descriptor_ == descriptor && notifyOnWritable() && (failed || (events & EPOLLOUT) != 0)) {
+   if (serial == fetched && notifyOnWritable() && (failed || (events & EPOLLOUT) != 0)) {
       announceTo<&NotifieeConst::onWritable, NotifieeConst>(this, notifieeList_);
    }
-   if (descriptor_ == descriptor && notifyOnException() && (failed || (events & EPOLLPRI) != 0)) {
+   if (serial == fetched && notifyOnException() && (failed || (events & EPOLLPRI) != 0)) {
       announceTo<&NotifieeConst::onException, NotifieeConst>(this, notifieeList_);
    }
 }

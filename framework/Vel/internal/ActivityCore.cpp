@@ -343,7 +343,7 @@ void ActivityCore::deliver(const epoll_event& event) {
       return; // forgotten since; the number may be another's
    }
    if (FileDescriptor* const object = place->object()) {
-      object->deliver(event.events);
+      object->deliver(event.events, place->serial);
    } else {
       children_->onEvent(place->tag(), event.events);
    }

@@ -1,0 +1,595 @@
+// The event loop: what is watched and when, what handlers may do to it, and what a forked child
+// can't do to its parent's.
+#include "TrackerFixture.h"
+
+#include <cerrno>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/timerfd.h>
+
+namespace {
+
+using testing::ElementsAre;
+using Vel::FileDescriptor;
+using Vel::Ptr;
+
+class Watcher : public FileDescriptor::NotifieeConst {
+ public:
+   std::function<void()> heard = [] {}; // of anything
+   Calls calls;
+
+   void onReadable() override { called("readable"); }
+   void onWritable() override { called("writable"); }
+   void onException() override { called("exception"); }
+
+ private:
+   void called(const char* what) {
+      calls.push_back(what);
+      const auto act = heard; // which may drop this watcher
+      act();
+   }
+};
+
+struct Pipe {
+   Pipe() { EXPECT_EQ(::pipe2(ends, O_NONBLOCK), 0); }
+   int ends[2] = {-1, -1};
+};
+
+// A pipe whose read end is watched; the write end is raw.
+struct Watched {
+   explicit Watched(int readEnd) : fd(Vel::newEntity<FileDescriptor>("watched")) {
+      fd->descriptorIs(readEnd);
+      fd->notifyOnReadableIs(true);
+      watcher = Vel::newEntity<Watcher>();
+      watcher->notifierIs(fd);
+      watcher->isRegisteredNotifieeIs(true);
+   }
+   Watched() : Watched(Pipe()) {}
+   Watched(const Watched&) = delete;
+   Watched& operator=(const Watched&) = delete;
+   ~Watched() {
+      if (writeEnd >= 0) {
+         ::close(writeEnd);
+      }
+   }
+   void write() const { EXPECT_EQ(::write(writeEnd, "x", 1), 1); }
+   void read() const {
+      char byte = 0;
+      EXPECT_EQ(::read(fd->descriptor(), &byte, 1), 1);
+   }
+   void drop() {
+      watcher->notifierIs(nullptr);
+      watcher = nullptr;
+      fd = nullptr;
+   }
+
+   Ptr<FileDescriptor> fd;
+   Ptr<Watcher> watcher;
+   int writeEnd = -1;
+
+ private:
+   explicit Watched(const Pipe& pipe) : Watched(pipe.ends[0]) { writeEnd = pipe.ends[1]; }
+};
+
+bool isOpen(int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; }
+
+bool readableNow(int descriptor) {
+   epoll_event event{.events = EPOLLIN, .data = {}};
+   const int set = ::epoll_create1(0);
+   EXPECT_EQ(::epoll_ctl(set, EPOLL_CTL_ADD, descriptor, &event), 0);
+   const int ready = ::epoll_wait(set, &event, 1, 0);
+   ::close(set);
+   return ready == 1;
+}
+
+double seconds(clockid_t clock) {
+   timespec now{};
+   ::clock_gettime(clock, &now);
+   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+template <class Act> int errorOf(Act act) {
+   try {
+      act();
+   } catch (const Vel::SystemException& thrown) {
+      return thrown.error();
+   }
+   return 0;
+}
+
+using Activity = TrackerTest;
+
+// ---- what is watched ----
+
+TEST_F(Activity, ADescriptorIsWatchedOnceItHasANumberASettingAndARegisteredNotifiee) {
+   for (int order = 0; order < 6; ++order) {
+      const Pipe pipe;
+      ASSERT_EQ(::write(pipe.ends[1], "x", 1), 1);
+      const auto fd = Vel::newEntity<FileDescriptor>("fd");
+      const auto watcher = Vel::newEntity<Watcher>();
+      watcher->notifierIs(fd);
+      const std::function<void(bool)> conditions[] = {
+         [&](bool on) {
+            on ? fd->descriptorIs(pipe.ends[0]) : manager()->fdDel(pipe.ends[0]);
+            EXPECT_EQ(fd->descriptor(), on ? pipe.ends[0] : -1);
+         },
+         [&](bool on) { fd->notifyOnReadableIs(on); },
+         [&](bool on) { watcher->isRegisteredNotifieeIs(on); },
+      };
+      const int first = order % 3;
+      const int second = (first + 1 + order / 3) % 3;
+      for (const bool on : {true, false, true}) {
+         EXPECT_EQ(manager()->runOnce(0), on ? 0 : 1);
+         for (const int each : {first, second, 3 - first - second}) {
+            conditions[each](on);
+            EXPECT_EQ(manager()->runOnce(0), on && each == 3 - first - second ? 1 : 0);
+         }
+         EXPECT_EQ(manager()->fd(pipe.ends[0]), on);
+      }
+      EXPECT_EQ(manager()->runOnce(0), 1) << "level-triggered";
+      watcher->hasNotificationActiveIs(false);
+      EXPECT_EQ(manager()->runOnce(0), 0);
+      ::close(pipe.ends[1]);
+   }
+}
+
+TEST_F(Activity, EachConditionReachesItsHandlers) {
+   enum Setting { readable = 1, writable = 2, exception = 4 };
+   const auto byte = [](int peer) { EXPECT_EQ(::send(peer, "x", 1, 0), 1); };
+   const auto hangUp = [](int peer) { ::shutdown(peer, SHUT_RDWR); };
+   const auto nothing = [](int) {};
+   struct {
+      void (*happens)(int peer);
+      int settings;
+      Calls calls;
+   } const rows[] = {
+      {nothing, readable | exception, {}},
+      {nothing, readable | writable | exception, {"writable"}},
+      {byte, readable, {"readable"}},
+      {byte, readable | writable, {"readable", "writable"}},
+      {byte, exception, {}},
+      {hangUp, readable, {"readable"}},
+      {hangUp, writable, {"writable"}},
+      {hangUp, exception, {"exception"}},
+      {hangUp, readable | writable | exception, {"readable", "writable", "exception"}},
+   };
+   for (const auto& row : rows) {
+      int ends[2];
+      ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+      Watched watched(ends[0]);
+      watched.writeEnd = ends[1];
+      watched.fd->notifyOnReadableIs(row.settings & readable);
+      watched.fd->notifyOnWritableIs(row.settings & writable);
+      watched.fd->notifyOnExceptionIs(row.settings & exception);
+      row.happens(ends[1]);
+      EXPECT_EQ(manager()->runOnce(0), row.calls.empty() ? 0 : 1);
+      EXPECT_EQ(watched.watcher->calls, row.calls) << &row - rows;
+   }
+}
+
+TEST_F(Activity, WhatCannotBeWatchedIsToldAndChangesNothing) {
+   const int file = ::open(SOURCE_DIR "/README.md", O_RDONLY | O_CLOEXEC);
+   const Pipe pipe;
+   struct {
+      int descriptor;
+      int error;
+   } const rows[] = {{file, EPERM}, {pipe.ends[1] + 500, EBADF}, {1 << 20, EBADF}};
+   for (const auto& row : rows) {
+      const auto fd = Vel::newEntity<FileDescriptor>("fd");
+      const auto watcher = Vel::newEntity<Watcher>();
+      fd->notifyOnReadableIs(true);
+      watcher->isRegisteredNotifieeIs(true);
+      watcher->notifierIs(fd);
+      fd->descriptorIs(pipe.ends[0]);
+      EXPECT_EQ(errorOf([&] { fd->descriptorIs(row.descriptor); }), row.error);
+      EXPECT_EQ(fd->descriptor(), pipe.ends[0]);
+      EXPECT_FALSE(manager()->fd(row.descriptor));
+      watcher->isRegisteredNotifieeIs(false);
+      manager()->fdDel(pipe.ends[0]);
+      fd->descriptorIs(row.descriptor);
+      EXPECT_EQ(errorOf([&] { watcher->isRegisteredNotifieeIs(true); }), row.error);
+      EXPECT_FALSE(watcher->isRegisteredNotifiee());
+      watcher->notifierIs(nullptr);
+      watcher->isRegisteredNotifieeIs(true);
+      EXPECT_EQ(errorOf([&] { watcher->notifierIs(fd); }), row.error);
+      EXPECT_FALSE(watcher->notifier());
+      fd->notifyOnReadableIs(false);
+      watcher->notifierIs(fd);
+      EXPECT_EQ(errorOf([&] { fd->notifyOnWritableIs(true); }), row.error);
+      EXPECT_FALSE(fd->notifyOnWritable());
+      manager()->fdDel(row.descriptor);
+      EXPECT_EQ(fd->descriptor(), -1);
+   }
+   for (const int descriptor : {pipe.ends[0], pipe.ends[1], file}) {
+      EXPECT_EQ(::close(descriptor), 0);
+   }
+}
+
+TEST_F(Activity, ANumberHasOneOwnerWhoClosesItUnlessToldToForget) {
+   for (const int descriptor : {-7, -1, 0, 5999, std::numeric_limits<int>::max()}) {
+      manager()->fdDel(descriptor);
+   }
+   Watched first;
+   first.write();
+   const int number = first.fd->descriptor();
+   Watched second(number);
+   EXPECT_EQ(first.fd->descriptor(), -1);
+   EXPECT_EQ(manager()->runOnce(0), 1);
+   EXPECT_THAT(first.watcher->calls, ElementsAre());
+   EXPECT_THAT(second.watcher->calls, ElementsAre("readable"));
+   first.drop();
+   EXPECT_TRUE(isOpen(number));
+   const Pipe other;
+   second.fd->descriptorIs(other.ends[0]);
+   EXPECT_FALSE(isOpen(number));
+   second.fd->descriptorIs(-5);
+   EXPECT_EQ(second.fd->descriptor(), -1);
+   EXPECT_FALSE(isOpen(other.ends[0]));
+   second.fd->descriptorIs(other.ends[1]);
+   manager()->fdDel(other.ends[1]);
+   second.drop();
+   EXPECT_EQ(::close(other.ends[1]), 0);
+}
+
+TEST_F(Activity, NonBlockingIsForThisDescriptorAndThoseToCome) {
+   const auto fd = Vel::newEntity<FileDescriptor>("fd");
+   int ends[2];
+   ASSERT_EQ(::pipe(ends), 0);
+   const auto isNonBlocking = [&](int end) { return (::fcntl(end, F_GETFL) & O_NONBLOCK) != 0; };
+   fd->descriptorIs(ends[0]);
+   EXPECT_FALSE(isNonBlocking(ends[0]));
+   fd->nonBlockingIs(true);
+   EXPECT_TRUE(isNonBlocking(ends[0]));
+   fd->descriptorIs(ends[1]);
+   EXPECT_TRUE(isNonBlocking(ends[1]));
+   fd->nonBlockingIs(false);
+   EXPECT_FALSE(isNonBlocking(ends[1]));
+}
+
+// ---- what was fetched ----
+
+// Both are ready in the same batch; whichever is first does something to the other one.
+TEST_F(Activity, AFetchedEventIsNotDeliveredToWhateverHasTheNumberNow) {
+   std::vector<int> raw;
+   Ptr<FileDescriptor> newcomer;
+   const auto newcomerWatcher = Vel::newEntity<Watcher>();
+   const auto openAgain = [&](int number) {
+      const Pipe pipe;
+      EXPECT_EQ(pipe.ends[0], number);
+      raw = {pipe.ends[0], pipe.ends[1]};
+   };
+   const std::function<void(Watched&, int)> acts[] = {
+      [](Watched& other, int) { other.fd->descriptorIs(-1); },
+      [](Watched& other, int) { other.drop(); },
+      [](Watched& other, int) { other.fd->notifyOnReadableIs(false); },
+      [](Watched& other, int) { other.watcher->isRegisteredNotifieeIs(false); },
+      [&](Watched&, int number) {
+         manager()->fdDel(number);
+         raw = {number};
+      },
+      [&](Watched& other, int number) {
+         other.fd->descriptorIs(-1);
+         openAgain(number);
+         other.fd->descriptorIs(number);
+         raw = {raw[1]};
+      },
+      [&](Watched& other, int number) {
+         other.drop();
+         openAgain(number);
+         newcomer = Vel::newEntity<FileDescriptor>("newcomer");
+         newcomer->descriptorIs(number);
+         newcomer->notifyOnReadableIs(true);
+         newcomerWatcher->notifierIs(newcomer);
+         newcomerWatcher->isRegisteredNotifieeIs(true);
+         raw = {raw[1]};
+      },
+   };
+   for (const auto& act : acts) {
+      Watched pair[2];
+      const Ptr<Watcher> watchers[2] = {pair[0].watcher, pair[1].watcher};
+      for (Watched& each : pair) {
+         Watched& other = &each == pair ? pair[1] : pair[0];
+         each.watcher->heard = [&] { act(other, other.fd->descriptor()); };
+         each.write();
+      }
+      EXPECT_EQ(manager()->runOnce(0), 1);
+      EXPECT_EQ(watchers[0]->calls.size() + watchers[1]->calls.size(), 1U) << &act - acts;
+      EXPECT_THAT(newcomerWatcher->calls, ElementsAre());
+      newcomerWatcher->notifierIs(nullptr);
+      newcomer = nullptr;
+      for (const int descriptor : std::exchange(raw, {})) {
+         ::close(descriptor);
+      }
+   }
+}
+
+TEST_F(Activity, TheRestOfARoundIsNotForADescriptorThatCameMeanwhile) {
+   int ends[2];
+   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+   ASSERT_EQ(::send(ends[1], "x", 1, 0), 1);
+   Watched watched(ends[0]);
+   watched.fd->notifyOnWritableIs(true);
+   watched.writeEnd = ends[1];
+   Pipe pipe;
+   watched.watcher->heard = [&] {
+      watched.fd->descriptorIs(-1);
+      EXPECT_EQ(::dup2(pipe.ends[0], ends[0]), ends[0]); // a read end, never writable
+      watched.fd->descriptorIs(ends[0]);
+   };
+   EXPECT_EQ(manager()->runOnce(0), 1);
+   EXPECT_THAT(watched.watcher->calls, ElementsAre("readable"));
+   ::close(pipe.ends[0]);
+   ::close(pipe.ends[1]);
+}
+
+// ---- rude handlers ----
+
+TEST_F(Activity, AHandlerMayDropTheLastHandleOnItsOwnObject) {
+   for (const bool throws : {false, true}) {
+      Watched watched;
+      const int number = watched.fd->descriptor();
+      watched.write();
+      watched.watcher->heard = [&] {
+         watched.drop();
+         EXPECT_TRUE(isOpen(number));
+         if (throws) {
+            throw std::runtime_error("rude");
+         }
+      };
+      if (throws) {
+         EXPECT_THROW(manager()->runOnce(0), std::runtime_error);
+      } else {
+         EXPECT_EQ(manager()->runOnce(0), 1);
+      }
+      EXPECT_FALSE(isOpen(number));
+   }
+}
+
+TEST_F(Activity, ANestedCallDeliversWhatWasFetchedFirstAndEachCallReturnsItsOwn) {
+   Watched three[3];
+   Watched later;
+   int nested = -1;
+   for (Watched& each : three) {
+      each.write();
+      each.watcher->heard = [&] {
+         each.read();
+         if (nested < 0) {
+            later.write();
+            later.watcher->heard = [&] { later.read(); };
+            nested = 0;
+            nested = manager()->runOnce(0);
+            EXPECT_THAT(later.watcher->calls, ElementsAre());
+         }
+      };
+   }
+   EXPECT_EQ(manager()->runOnce(0), 1);
+   EXPECT_EQ(nested, 2);
+   EXPECT_EQ(manager()->runOnce(0), 1);
+   EXPECT_THAT(later.watcher->calls, ElementsAre("readable"));
+   EXPECT_EQ(manager()->runOnce(0), 0);
+}
+
+TEST_F(Activity, AnExceptionComesOutAndTheOthersAreStillDelivered) {
+   Watched five[5];
+   for (const Watched& each : five) {
+      each.write();
+      each.watcher->heard = [&each] {
+         each.read();
+         throw std::runtime_error("rude");
+      };
+   }
+   for (const Watched& each : five) {
+      EXPECT_TRUE(readableNow(manager()->pollFd())) << &each - five;
+      EXPECT_THROW(manager()->runOnce(0), std::runtime_error);
+   }
+   EXPECT_FALSE(readableNow(manager()->pollFd()));
+   EXPECT_EQ(manager()->runOnce(0), 0);
+   for (const Watched& each : five) {
+      EXPECT_THAT(each.watcher->calls, ElementsAre("readable"));
+   }
+}
+
+TEST_F(Activity, StopEndsTheInnermostRun) {
+   manager()->stop(); // of nothing, and not of the run to come
+   Watched watched;
+   watched.write();
+   Calls order;
+   watched.watcher->heard = [&] {
+      const std::size_t depth = watched.watcher->calls.size();
+      if (depth < 3) {
+         manager()->run();
+      }
+      order.push_back(std::to_string(depth) + " of " +
+                      std::to_string(watched.watcher->calls.size()));
+      manager()->stop();
+   };
+   manager()->run();
+   EXPECT_THAT(order, ElementsAre("3 of 3", "2 of 3", "1 of 3"));
+   watched.watcher->heard = [] { throw std::runtime_error("rude"); };
+   EXPECT_THROW(manager()->run(), std::runtime_error);
+   manager()->stop();
+}
+
+// ---- waiting ----
+
+TEST_F(Activity, WaitingLastsAsLongAsAskedWhateverSignalsCome) {
+   struct sigaction previous;
+   struct sigaction noted {};
+   noted.sa_handler = [](int) {};
+   ASSERT_EQ(::sigaction(SIGALRM, &noted, &previous), 0);
+   itimerval storm{};
+   for (const int interval : {0, 500}) {
+      storm.it_value.tv_usec = storm.it_interval.tv_usec = interval;
+      ASSERT_EQ(::setitimer(ITIMER_REAL, &storm, nullptr), 0);
+      for (const int timeout : {0, 50}) {
+         const double before = seconds(CLOCK_MONOTONIC);
+         const double busyBefore = seconds(CLOCK_PROCESS_CPUTIME_ID);
+         EXPECT_EQ(manager()->runOnce(timeout), 0);
+         const double took = seconds(CLOCK_MONOTONIC) - before;
+         EXPECT_GE(took, timeout / 1000.0);
+         EXPECT_LT(took, timeout / 1000.0 + 0.5);
+         EXPECT_LT(seconds(CLOCK_PROCESS_CPUTIME_ID) - busyBefore, 0.03);
+      }
+      Watched timer(::timerfd_create(CLOCK_MONOTONIC, 0));
+      itimerspec soon{};
+      soon.it_value.tv_nsec = 20'000'000;
+      ASSERT_EQ(::timerfd_settime(timer.fd->descriptor(), 0, &soon, nullptr), 0);
+      EXPECT_EQ(manager()->runOnce(-1), 1);
+   }
+   storm = {};
+   ::setitimer(ITIMER_REAL, &storm, nullptr);
+   ::sigaction(SIGALRM, &previous, nullptr);
+}
+
+TEST_F(Activity, PollFdAndTheWakeupsTellWhetherThereIsWork) {
+   Watched watched;
+   watched.watcher->heard = [&] { watched.read(); };
+   const auto before = manager()->wakeups();
+   EXPECT_FALSE(readableNow(manager()->pollFd()));
+   EXPECT_EQ(manager()->runOnce(0), 0);
+   watched.write();
+   EXPECT_TRUE(readableNow(manager()->pollFd()));
+   EXPECT_EQ(manager()->runOnce(0), 1);
+   EXPECT_FALSE(readableNow(manager()->pollFd()));
+   EXPECT_EQ(manager()->runOnce(0), 0);
+   EXPECT_EQ(manager()->wakeups().total, before.total + 1);
+   EXPECT_EQ(manager()->wakeups().empty, before.empty);
+}
+
+TEST_F(Activity, APollSetThatWasClosedIsReplaced) {
+   const std::function<void(int)> closings[] = {
+      [](int set) { ::close(set); },
+      [](int set) { // and the number is another's
+         EXPECT_EQ(::dup2(1, set), set);
+      },
+      [](int set) {
+         const auto context = Vel::newEntity<Context>();
+         for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+            context->skipFdIs(descriptor, descriptor != set);
+         }
+         Zor::childProcessTrackerCloseFds(context);
+      },
+   };
+   for (const auto& closing : closings) {
+      EXPECT_EQ(apart([&] {
+                   Watched watched;
+                   watched.write();
+                   closing(manager()->pollFd());
+                   EXPECT_EQ(manager()->runOnce(1000), 1);
+                   EXPECT_EQ(manager()->runOnce(0), 1);
+                   EXPECT_TRUE(readableNow(manager()->pollFd()));
+                   Watched second;
+                   second.write();
+                   EXPECT_EQ(manager()->runOnce(0), 2);
+                }),
+                0);
+   }
+}
+
+TEST_F(Activity, APollCallThatKeepsFailingIsAnException) {
+   for (const int error : {EIO, EBADF, EINVAL}) {
+      const int outcome = apart([&] {
+         Watched watched;
+         watched.write();
+         for (const auto call : {SYS_epoll_wait, SYS_epoll_pwait, SYS_epoll_pwait2}) {
+            refuse(static_cast<unsigned>(call), static_cast<unsigned>(error));
+         }
+         EXPECT_EQ(errorOf([] { manager()->runOnce(-1); }), error);
+         EXPECT_EQ(errorOf([] { manager()->runOnce(0); }), error);
+         EXPECT_EQ(errorOf([] { manager()->run(); }), error);
+      });
+      if (outcome == cannot) {
+         GTEST_SKIP() << "no system call filters here";
+      }
+      EXPECT_EQ(outcome, 0);
+   }
+}
+
+// ---- after a fork ----
+
+std::string membersOf(int set) {
+   std::ifstream info("/proc/self/fdinfo/" + std::to_string(set));
+   return {std::istreambuf_iterator<char>(info), {}};
+}
+
+TEST_F(Activity, NothingThatAChildDoesReachesWhatItsParentWatches) {
+   using All = std::vector<Watched>;
+   const auto runAll = [](All& all) {
+      for (Watched& each : all) {
+         each.watcher->heard = [&each] { each.watcher->isRegisteredNotifieeIs(false); };
+      }
+      EXPECT_EQ(manager()->runOnce(1000), 64);
+   };
+   const std::function<void(All&)> misdeeds[] = {
+      [](All& all) {
+         for (const Watched& each : all) {
+            manager()->fdDel(each.fd->descriptor());
+         }
+      },
+      [](All& all) {
+         for (Watched& each : all) {
+            each.drop();
+         }
+      },
+      [](All& all) {
+         for (const Watched& each : all) {
+            each.fd->notifyOnReadableIs(false);
+            each.fd->notifyOnWritableIs(true);
+         }
+      },
+      [](All&) { Zor::childProcessTrackerCloseFds(Vel::newEntity<Context>()); },
+      [&](All& all) { runAll(all); },
+      [&](All& all) {
+         EXPECT_EQ(errorOf([] { manager()->pollFd(); }), 0);
+         Watched own;
+         own.write();
+         for (int turn = 0; turn < 2; ++turn) { // it yields 64 at once, in turns
+            EXPECT_EQ(manager()->runOnce(0), 64);
+         }
+         EXPECT_FALSE(own.watcher->calls.empty());
+         own.drop();
+         runAll(all);
+      },
+   };
+   for (const auto& misdeed : misdeeds) {
+      All all(64);
+      const int set = manager()->pollFd();
+      const std::string members = membersOf(set);
+      for (const Watched& each : all) {
+         each.write();
+      }
+      EXPECT_EQ(apart([&] { misdeed(all); }), 0) << &misdeed - misdeeds;
+      EXPECT_EQ(manager()->pollFd(), set);
+      EXPECT_EQ(membersOf(set), members);
+      runAll(all);
+   }
+}
+
+TEST_F(Activity, AChildForkedInAHandlerDeliversOnlyWhatItWatchesItself) {
+   Watched three[3];
+   int child = -1;
+   for (Watched& each : three) {
+      each.write();
+      each.watcher->heard = [&] {
+         each.read();
+         child = child < 0 ? ::fork() : child;
+      };
+   }
+   const int made = manager()->runOnce(0);
+   if (child == 0) {
+      ::_exit(made); // the first, whose handler forked
+   }
+   int status = -1;
+   EXPECT_EQ(::waitpid(child, &status, 0), child);
+   EXPECT_EQ(WEXITSTATUS(status), 1);
+   EXPECT_EQ(made, 3);
+}
+
+} // namespace
