@@ -137,7 +137,7 @@ class RudeTracker : public Sm {
       Sm::childProcessIs(child);
    }
    void lastFailedProcessIs(const Child& child) override {
-      note("lastFailed", child->pid());
+      note("lastFailed", child ? child->pid() : 0);
       Sm::lastFailedProcessIs(child);
    }
    void lastFailedProcessTerminationErrorIs(terminationError error) override {
