@@ -10,7 +10,6 @@
 #include <map>
 #include <string>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -48,6 +47,7 @@ Sm& unknownSm() {
 }
 
 struct Case {
+   const char* name;
    const char* attribute;
    void (*direct)(Sm& sm, unsigned n);
    void (*byRecord)(const Vel::VelAttr* record, unsigned n);
@@ -55,41 +55,37 @@ struct Case {
 };
 
 constexpr int pid = 5000001;
-const std::pair<const char*, Case> cases[] = {
-   {"read",
-    {"errorTerminationCount",
-     [](Sm& sm, unsigned) {
-        unsigned count = sm.errorTerminationCount();
-        benchmark::DoNotOptimize(count);
-     },
-     [](const Vel::VelAttr* record, unsigned) { benchmark::DoNotOptimize(handle()->read(record)); },
-     [](const char* name, unsigned) { benchmark::DoNotOptimize(handle()->read(name)); }}},
-   {"read at a key",
-    {"process",
-     [](Sm& sm, unsigned) {
-        const Vel::Ptr<Zor::ChildProcess> found(sm.process(pid));
-        benchmark::DoNotOptimize(found.get());
-     },
-     [](const Vel::VelAttr* record, unsigned) {
-        benchmark::DoNotOptimize(handle()->read(record, pid));
-     },
-     [](const char* name, unsigned) { benchmark::DoNotOptimize(handle()->read(name, pid)); }}},
-   {"write",
-    {"errorTerminationCount", [](Sm& sm, unsigned n) { sm.errorTerminationCountIs(n); },
-     [](const Vel::VelAttr* record, unsigned n) { handle()->write(record, n); },
-     [](const char* name, unsigned n) { handle()->write(name, n); }}},
-   {"call",
-    {"forkedChildExitCallback",
-     [](Sm& sm, unsigned) {
-        sm.forkedChildExitCallback(Vel::Ptr<Zor::ChildProcess const>(sm.process(pid)));
-     },
-     [](const Vel::VelAttr* record, unsigned) { handle()->call(record, child()); },
-     [](const char* name, unsigned) { handle()->call(name, child()); }}},
+constexpr Case cases[] = {
+   {"read", "errorTerminationCount",
+    [](Sm& sm, unsigned) {
+       unsigned count = sm.errorTerminationCount();
+       benchmark::DoNotOptimize(count);
+    },
+    [](const Vel::VelAttr* record, unsigned) { benchmark::DoNotOptimize(handle()->read(record)); },
+    [](const char* name, unsigned) { benchmark::DoNotOptimize(handle()->read(name)); }},
+   {"read at a key", "process",
+    [](Sm& sm, unsigned) {
+       const Vel::Ptr<Zor::ChildProcess> found(sm.process(pid));
+       benchmark::DoNotOptimize(found.get());
+    },
+    [](const Vel::VelAttr* record, unsigned) {
+       benchmark::DoNotOptimize(handle()->read(record, pid));
+    },
+    [](const char* name, unsigned) { benchmark::DoNotOptimize(handle()->read(name, pid)); }},
+   {"write", "errorTerminationCount", [](Sm& sm, unsigned n) { sm.errorTerminationCountIs(n); },
+    [](const Vel::VelAttr* record, unsigned n) { handle()->write(record, n); },
+    [](const char* name, unsigned n) { handle()->write(name, n); }},
+   {"call", "forkedChildExitCallback",
+    [](Sm& sm, unsigned) {
+       sm.forkedChildExitCallback(Vel::Ptr<Zor::ChildProcess const>(sm.process(pid)));
+    },
+    [](const Vel::VelAttr* record, unsigned) { handle()->call(record, child()); },
+    [](const char* name, unsigned) { handle()->call(name, child()); }},
 };
 
 void registerAll() {
-   for (const auto& [name, what] : cases) {
-      const std::string base(name);
+   for (const Case& what : cases) {
+      const std::string base(what.name);
       benchmark::RegisterBenchmark((base + ", direct").c_str(), [&what](benchmark::State& state) {
          unsigned n = 0;
          repeat(state, [&] { what.direct(unknownSm(), ++n); });
@@ -121,13 +117,13 @@ class Medians : public benchmark::ConsoleReporter {
    }
    void printRatios() {
       std::printf("\n%-14s %9s %18s %18s\n", "", "direct", "by record", "by name");
-      for (const auto& [name, what] : cases) {
-         const std::string base(name);
+      for (const Case& what : cases) {
+         const std::string base(what.name);
          const double direct = times_[base + ", direct"];
          const double byRecord = times_[base + ", by record"];
          const double byName = times_[base + ", by name"];
-         std::printf("%-14s %6.1f ns %6.1f ns (%5.1fx) %6.1f ns (%5.1fx)\n", name, direct, byRecord,
-                     byRecord / direct, byName, byName / direct);
+         std::printf("%-14s %6.1f ns %6.1f ns (%5.1fx) %6.1f ns (%5.1fx)\n", what.name, direct,
+                     byRecord, byRecord / direct, byName, byName / direct);
       }
    }
 
