@@ -23,14 +23,14 @@ class ChildSiginfo::ChildPipeReactor final : public FileDescriptor::NotifieeCons
    void onReadable() override;
 
  private:
-   bool drained(int pipe) noexcept;
+   static bool drained(const FileDescriptor& pipe) noexcept;
 
    ChildSiginfo* siginfo_; // uncounted: the siginfo owns this reactor and clears it when it goes
 };
 
 void ChildSiginfo::ChildPipeReactor::onReadable() {
    const Ptr<FileDescriptor const> pipe = notifier();
-   if (drained(pipe->descriptor())) {
+   if (drained(*pipe)) {
       return;
    }
    const Ptr<ChildSiginfo> siginfo(siginfo_); // the end of the pipe may be the child's
@@ -41,11 +41,11 @@ void ChildSiginfo::ChildPipeReactor::onReadable() {
 }
 
 // At most 64 KiB at once, so that a child that writes without end doesn't hold up the others.
-// False at the end of the pipe.
-bool ChildSiginfo::ChildPipeReactor::drained(int pipe) noexcept {
+// Where reading blocks, only what is known to be there. False at the end of the pipe.
+bool ChildSiginfo::ChildPipeReactor::drained(const FileDescriptor& pipe) noexcept {
    char dropped[16 * 1024];
-   for (int reads = 0; reads < 4; ++reads) {
-      const ssize_t got = ::read(pipe, dropped, sizeof dropped);
+   for (int reads = pipe.nonBlocking() ? 4 : 1; reads > 0; --reads) {
+      const ssize_t got = ::read(pipe.descriptor(), dropped, sizeof dropped);
       if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
          return false; // an error won't get better, and counts as the end
       }

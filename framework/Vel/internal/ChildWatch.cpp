@@ -356,6 +356,9 @@ void ChildWatch::askedIs(Place& place, bool asked) noexcept {
 
 // Starts a pause, unless one is running that ends before.
 void ChildWatch::pauseIs(int ms) noexcept {
+   if (askedCount_ == 0) {
+      return; // nobody: the timer would outlast its use
+   }
    const std::int64_t end = nowMs() + ms;
    if (pause_ != 0 && pauseEnd_ <= end && timer_ >= 0) {
       return;
@@ -412,7 +415,12 @@ void ChildWatch::onPause() {
       ProcessStatus status;
       const Ended ended = ask(place, status);
       if (ended == Ended::yes || ended == Ended::lost) {
-         conclude(cursor_, ended, status); // another child has its place now
+         try {
+            conclude(cursor_, ended, status); // another child has its place now
+         } catch (...) {
+            pauseIs(shortestPause); // the rest of the round is due
+            throw;
+         }
       } else {
          ++cursor_;
       }

@@ -1,0 +1,652 @@
+// The end of a child: how it is learned, with pidfds and without, whatever the child, its
+// grandchildren, other code and the kernel do about it.
+#include "TrackerFixture.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <numeric>
+#include <poll.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
+
+namespace {
+
+using testing::ElementsAre;
+using Vel::Ptr;
+
+// What the kernel answers when it is asked for a pidfd; 0: it gives one.
+class ChildEnd : public TrackerTest, public testing::WithParamInterface<int> {
+ protected:
+   // Everything happens in a process of its own: refusals and ignored signals can't be undone.
+   void SetUp() override {}
+   void TearDown() override {}
+
+   template <class Body> void inThisWay(Body body) {
+      const int outcome = apart([&] {
+         if (refused()) {
+            refuse(SYS_pidfd_open, static_cast<unsigned>(GetParam()));
+         }
+         TrackerTest::SetUp();
+         try {
+            body();
+         } catch (const std::exception& thrown) {
+            ADD_FAILURE() << thrown.what();
+         }
+         TrackerTest::TearDown();
+      });
+      if (outcome == cannot) {
+         GTEST_SKIP() << "not to be had here";
+      }
+      EXPECT_EQ(outcome, 0);
+   }
+   static bool refused() { return GetParam() != 0; }
+
+   // Waits for the loop to record the child's end.
+   static void expectEnd(const Child& child, Siginfo::SignalCode code, int value,
+                         Siginfo::Provenance provenance = Siginfo::reaped) {
+      const Ptr<Siginfo> info = child->siginfo();
+      EXPECT_TRUE(runUntil([&] { return info->signalCode() != Siginfo::none; }));
+      EXPECT_EQ(info->signalCode(), code);
+      EXPECT_EQ(info->exitStatus(), code == Siginfo::exited ? value : 0);
+      EXPECT_EQ(info->exitSignal(), code == Siginfo::killed ? value : 0);
+      EXPECT_EQ(info->provenance(), provenance);
+      EXPECT_EQ(info->childPipe()->descriptor(), -1);
+      EXPECT_FALSE(info->signal(0));
+   }
+   Child childOf(int pid) const { return Child(tracker->process(pid)); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Pidfds, ChildEnd, testing::Values(0, ENOSYS), [](const auto& way) {
+   return std::string(way.param == 0 ? "Given" : "Refused");
+});
+
+// Children wait at it until they are let through, one for each opening.
+class Gate {
+ public:
+   Gate() { EXPECT_EQ(::pipe(ends_), 0); }
+   Gate(const Gate&) = delete;
+   Gate& operator=(const Gate&) = delete;
+   ~Gate() {
+      ::close(ends_[0]);
+      ::close(ends_[1]);
+   }
+   int descriptor() const { return ends_[0]; }
+   void open(std::size_t children = 1) const {
+      const std::string bytes(children, 'x');
+      EXPECT_EQ(::write(ends_[1], bytes.data(), children), static_cast<ssize_t>(children));
+   }
+   void pass() const {
+      char byte = 0;
+      if (::read(ends_[0], &byte, 1) != 1) {
+         ::_exit(97);
+      }
+   }
+
+ private:
+   int ends_[2] = {-1, -1};
+};
+
+double busySeconds() {
+   timespec now{};
+   ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// The loop has nothing to tell for a while, and sleeps meanwhile.
+void expectQuiet(int ms, std::uint64_t wakeups) {
+   const auto before = manager()->wakeups();
+   const double busyBefore = busySeconds();
+   EXPECT_EQ(manager()->runOnce(ms), 0);
+   EXPECT_LE(manager()->wakeups().total - before.total, wakeups);
+   EXPECT_LT(busySeconds() - busyBefore, 0.05);
+}
+
+template <class Done> bool await(Done done) { // without the loop
+   for (int ms = 0; ms < 5000 && !done(); ++ms) {
+      ::usleep(1000);
+   }
+   return done();
+}
+
+char stateOf(int pid) {
+   std::string text;
+   std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), text);
+   const std::size_t name = text.rfind(')');
+   return name == std::string::npos ? '-' : text[name + 2];
+}
+
+// The number that the next pipe's write end gets.
+int nextWriteEnd() {
+   const int first = ::dup(1);
+   const int second = ::dup(1);
+   ::close(first);
+   ::close(second);
+   return second;
+}
+
+void killSelf(int signal) {
+   ::signal(signal, SIG_DFL);
+   sigset_t all;
+   ::sigfillset(&all);
+   ::sigprocmask(SIG_UNBLOCK, &all, nullptr);
+   ::syscall(SYS_tgkill, ::getpid(), ::getpid(), signal);
+}
+
+// ---- how it ended ----
+
+TEST_P(ChildEnd, EveryStatusAndEverySignalIsExact) {
+   inThisWay([this] {
+      const std::set<int> harmless{SIGCHLD, SIGCONT, SIGURG,  SIGWINCH,
+                                   SIGSTOP, SIGTSTP, SIGTTIN, SIGTTOU};
+      std::vector<std::pair<Child, int>> children; // and the status, or minus the signal
+      for (int status = 0; status < 256; ++status) {
+         children.emplace_back(childOf(forkBody([status] { ::_exit(status); })), status);
+      }
+      for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+         if (!harmless.contains(signal)) {
+            children.emplace_back(childOf(forkBody([signal] { killSelf(signal); })), -signal);
+         }
+      }
+      tracker->hook = [](const Child& child) { // what was told is what is read
+         EXPECT_NE(child->siginfo()->signalCode(), Siginfo::none);
+      };
+      Calls calls;
+      tracker->calls = &calls;
+      EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+      for (const auto& [child, value] : children) {
+         expectEnd(child, value < 0 ? Siginfo::killed : Siginfo::exited, std::abs(value));
+         EXPECT_FALSE(child->siginfo()->coreDumped());
+      }
+      EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
+      EXPECT_EQ(tracker->errorTerminationCount(), children.size() - 1);
+      EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                              [](const auto& call) { return call.starts_with("hook"); }),
+                static_cast<long>(children.size()));
+   });
+}
+
+TEST_P(ChildEnd, ACoreDumpIsAKillWithItsMark) {
+   inThisWay([this] {
+      char place[] = "/tmp/core-XXXXXX";
+      ASSERT_NE(::mkdtemp(place), nullptr);
+      const int pid = forkBody([&place] {
+         const rlimit some{1 << 20, 1 << 20};
+         if (::chdir(place) == 0 && ::setrlimit(RLIMIT_CORE, &some) == 0 &&
+             ::prctl(PR_SET_DUMPABLE, 1) == 0) {
+            killSelf(SIGQUIT);
+         }
+      });
+      siginfo_t info;
+      ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+      const Child child = childOf(pid);
+      expectEnd(child, Siginfo::killed, SIGQUIT);
+      EXPECT_EQ(child->siginfo()->coreDumped(), info.si_code == CLD_DUMPED);
+      std::system((std::string("rm -r ") + place).c_str());
+   });
+}
+
+TEST_P(ChildEnd, StoppingAndGoingOnIsNothing) {
+   inThisWay([this] {
+      const Gate gate;
+      const int pid = forkBody([&] {
+         gate.pass();
+         ::_exit(3);
+      });
+      const Child child = childOf(pid);
+      for (const int signal : {SIGSTOP, SIGCONT}) {
+         EXPECT_TRUE(child->siginfo()->signal(signal));
+         EXPECT_TRUE(await([&] { return (stateOf(pid) == 'T') == (signal == SIGSTOP); }));
+         expectQuiet(20, 3);
+      }
+      gate.open();
+      expectEnd(child, Siginfo::exited, 3);
+   });
+}
+
+// ---- what the child does to its pipe ----
+
+TEST_P(ChildEnd, AGrandchildThatHoldsThePipeDelaysItLittle) {
+   inThisWay([this] {
+      const Gate gate;
+      const int pid = forkBody([&] {
+         if (::fork() == 0) {
+            ::alarm(30);
+            gate.pass();
+            ::_exit(0);
+         }
+         ::_exit(5);
+      });
+      const Child child = childOf(pid);
+      awaitZombie(pid);
+      const auto start = std::chrono::steady_clock::now();
+      expectEnd(child, Siginfo::exited, 5);
+      const auto took = std::chrono::steady_clock::now() - start;
+      EXPECT_LT(took, std::chrono::milliseconds(refused() ? 1500 : 300));
+      gate.open();
+   });
+}
+
+TEST_P(ChildEnd, AClosedPipeIsNoEnd) {
+   inThisWay([this] {
+      const Gate gate;
+      const int writeEnd = nextWriteEnd();
+      const int pid = forkBody([&] {
+         ::close(writeEnd);
+         gate.pass();
+         ::_exit(6);
+      });
+      const Child child = childOf(pid);
+      pollfd pipe{child->siginfo()->childPipe()->descriptor(), POLLIN, 0};
+      ASSERT_EQ(::poll(&pipe, 1, 5000), 1);
+      expectQuiet(300, 8);
+      EXPECT_EQ(child->siginfo()->signalCode(), Siginfo::none);
+      gate.open();
+      expectEnd(child, Siginfo::exited, 6);
+   });
+}
+
+// Through a record, whose pipe doesn't block, and a pipe of the caller's that does.
+TEST_P(ChildEnd, BytesInThePipeAreDroppedAndNoEnd) {
+   inThisWay([this] {
+      for (const std::size_t size : {1U, 16U << 10, 64U << 10, 1U << 20}) {
+         for (const bool bare : {false, true}) {
+            const Gate gate;
+            const Gate written;
+            const int writeEnd = nextWriteEnd();
+            const int pid = forkBody([&] {
+               const std::string bytes(size, 'x');
+               for (std::size_t at = 0; at < size;) {
+                  const ssize_t sent = ::write(writeEnd, bytes.data() + at, size - at);
+                  if (sent <= 0) {
+                     ::_exit(96);
+                  }
+                  at += static_cast<std::size_t>(sent);
+               }
+               written.open();
+               gate.pass();
+               ::_exit(4);
+            });
+            const Child child = childOf(pid);
+            auto& pipe = const_cast<Vel::FileDescriptor&>(*child->siginfo()->childPipe());
+            pipe.nonBlockingIs(!bare);
+            pollfd all{written.descriptor(), POLLIN, 0};
+            const auto before = manager()->wakeups();
+            EXPECT_TRUE(runUntil([&] { return ::poll(&all, 1, 0) == 1; }));
+            EXPECT_LE(manager()->wakeups().total - before.total, 8 + 4 * (size >> 12)) << size;
+            expectQuiet(20, 20);
+            EXPECT_EQ(child->siginfo()->signalCode(), Siginfo::none);
+            gate.open();
+            expectEnd(child, Siginfo::exited, 4);
+         }
+      }
+   });
+}
+
+// ---- who else waits ----
+
+TEST_P(ChildEnd, ATracerHoldsTheEndUntilItLetsGo) {
+   inThisWay([this] {
+      const Gate gate;
+      const Gate holding;
+      const Gate seized;
+      const int pid = forkBody([&] {
+         gate.pass();
+         ::_exit(7);
+      });
+      const int tracer = ::fork();
+      if (tracer == 0) {
+         runAndExit([&] {
+            const bool could = ::ptrace(PTRACE_SEIZE, pid, nullptr, nullptr) == 0;
+            seized.open();
+            holding.pass();
+            ::_exit(could ? 0 : cannot);
+         });
+      }
+      seized.pass();
+      gate.open();
+      const Child child = childOf(pid);
+      EXPECT_TRUE(await([&] { return stateOf(pid) == 'Z'; }));
+      expectQuiet(300, 8);
+      holding.open();
+      int status = -1;
+      EXPECT_EQ(::waitpid(tracer, &status, 0), tracer);
+      EXPECT_EQ(WEXITSTATUS(status), 0) << "no tracing here";
+      expectEnd(child, Siginfo::exited, 7);
+   });
+}
+
+TEST_P(ChildEnd, WhenOtherCodeTookTheStatusItIsRecoveredOrLostButNeverInvented) {
+   struct {
+      const char* what;
+      void (*before)();
+      void (*after)(int pid);
+   } const takers[] = {
+      {"waitpid", [] {}, [](int pid) { EXPECT_EQ(::waitpid(pid, nullptr, 0), pid); }},
+      {"ignored", [] { ::signal(SIGCHLD, SIG_IGN); }, [](int) {}},
+      {"no wait",
+       [] {
+          struct sigaction action {};
+          action.sa_handler = [](int) {};
+          action.sa_flags = SA_NOCLDWAIT;
+          ::sigaction(SIGCHLD, &action, nullptr);
+       },
+       [](int) {}},
+   };
+   utsname kernel{};
+   ::uname(&kernel);
+   int version[2] = {0, 0};
+   std::sscanf(kernel.release, "%d.%d", &version[0], &version[1]);
+   const bool recovers = !refused() && std::pair(version[0], version[1]) >= std::pair(6, 15);
+   for (const auto& taker : takers) {
+      inThisWay([&] {
+         SCOPED_TRACE(taker.what);
+         taker.before();
+         const Gate gate;
+         std::vector<Child> children;
+         for (const int status : {0, 7, -SIGKILL}) {
+            children.push_back(childOf(forkBody([&gate, status] {
+               gate.pass();
+               status < 0 ? killSelf(-status) : ::_exit(status);
+            })));
+            gate.open();
+            const int pid = children.back()->pid();
+            taker.after(pid);
+            EXPECT_TRUE(await([pid] { return ::kill(pid, 0) != 0; }));
+            EXPECT_FALSE(children.back()->siginfo()->signal(SIGTERM));
+            if (recovers) {
+               expectEnd(children.back(), status < 0 ? Siginfo::killed : Siginfo::exited,
+                         std::abs(status), Siginfo::recovered);
+            } else {
+               expectEnd(children.back(), Siginfo::lost, 0, Siginfo::unknown);
+            }
+         }
+         EXPECT_EQ(tracker->successfulTerminationCount(), recovers ? 1U : 0U);
+         EXPECT_EQ(tracker->errorTerminationCount(), recovers ? 2U : 0U);
+         EXPECT_EQ(tracker->lastFailedProcess(), recovers ? children[2] : Child());
+      });
+   }
+}
+
+TEST_P(ChildEnd, AnUnknownChildIsLeftToWhoeverForkedIt) {
+   inThisWay([this] {
+      EXPECT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+      const int unknown = ::fork();
+      if (unknown == 0) {
+         if (::fork() == 0) {
+            ::_exit(8); // an orphan, soon
+         }
+         ::_exit(9);
+      }
+      awaitZombie(unknown);
+      const Child child = childOf(forkBody([] { ::_exit(1); }));
+      expectEnd(child, Siginfo::exited, 1);
+      expectQuiet(20, 0);
+      int status = -1;
+      EXPECT_EQ(::waitpid(unknown, &status, 0), unknown);
+      EXPECT_EQ(WEXITSTATUS(status), 9);
+      EXPECT_GT(::waitpid(-1, &status, 0), 0);
+      EXPECT_EQ(WEXITSTATUS(status), 8);
+   });
+}
+
+// ---- when, and how many ----
+
+TEST_P(ChildEnd, AChildCostsAtMostThreeWakeups) {
+   inThisWay([this] {
+      constexpr unsigned children = 50;
+      const auto before = manager()->wakeups();
+      for (unsigned at = 0; at < children; ++at) {
+         expectEnd(childOf(forkBody([] { ::_exit(0); })), Siginfo::exited, 0);
+      }
+      EXPECT_LE(manager()->wakeups().total - before.total, 3 * children);
+   });
+}
+
+TEST_P(ChildEnd, OneThatHasEndedBeforeItIsRegisteredIsReportedByTheLoop) {
+   inThisWay([this] {
+      std::vector<Child> children;
+      for (const int end : {readEnd(), -1}) { // a pipe that never ends, or none
+         const int pid = ::fork();
+         if (pid == 0) {
+            ::_exit(11);
+         }
+         awaitZombie(pid);
+         children.push_back(tracker->processIs(pid, "ended", end));
+         EXPECT_EQ(children.back()->siginfo()->signalCode(), Siginfo::none);
+      }
+      for (const Child& child : children) {
+         expectEnd(child, Siginfo::exited, 11);
+         EXPECT_EQ(tracker->process(child->pid()), nullptr);
+      }
+   });
+}
+
+// For good, or for this child only.
+TEST_F(TrackerTest, WhateverThePidfdsAreRefusedForTheEndIsKnown) {
+   for (const int error : {ENOSYS, EPERM, EACCES, EMFILE, ENOMEM, ESRCH}) {
+      const int outcome = apart([&] {
+         refuse(SYS_pidfd_open, static_cast<unsigned>(error));
+         for (int at = 0; at < 3; ++at) {
+            forkBody([at] { ::_exit(at); });
+         }
+         EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+         EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
+         EXPECT_EQ(tracker->errorTerminationCount(), 2U);
+         EXPECT_FALSE(hasChildren());
+      });
+      EXPECT_TRUE(outcome == 0 || outcome == cannot) << error;
+   }
+}
+
+TEST_P(ChildEnd, AThousandMayEndTogether) {
+   inThisWay([this] {
+      rlimit limit{};
+      ::getrlimit(RLIMIT_NOFILE, &limit);
+      limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+      const std::size_t children = std::min<std::size_t>(1000, limit.rlim_cur / 3);
+      const Gate gate;
+      std::size_t hooks = 0;
+      tracker->hook = [&](const Child&) { ++hooks; };
+      for (std::size_t at = 0; at < children; ++at) {
+         forkBody([&] {
+            gate.pass();
+            ::_exit(at % 2 != 0);
+         });
+      }
+      gate.open(children);
+      for (const int pid : forked) {
+         awaitZombie(pid);
+      }
+      int deliveries = 0;
+      EXPECT_TRUE(runUntil([&] {
+         deliveries += manager()->runOnce(0);
+         return tracker->process().members() == 0;
+      }));
+      EXPECT_LE(static_cast<std::size_t>(deliveries), children);
+      EXPECT_EQ(hooks, children);
+      EXPECT_EQ(tracker->successfulTerminationCount(), children / 2);
+      EXPECT_EQ(tracker->errorTerminationCount(), children / 2);
+   });
+}
+
+TEST_P(ChildEnd, TwentyHooksThatThrowAreTwentyExceptionsInTwentyCalls) {
+   for (const bool pipeHeld : {false, true}) {
+      inThisWay([&] {
+         const Gate gate;
+         tracker->hook = [](const Child& child) { throw child->pid(); };
+         for (int at = 0; at < 20; ++at) {
+            forkBody([&] {
+               if (pipeHeld && ::fork() == 0) {
+                  ::alarm(30);
+                  gate.pass();
+               }
+               ::_exit(0);
+            });
+         }
+         for (const int pid : forked) {
+            awaitZombie(pid);
+         }
+         const auto start = std::chrono::steady_clock::now();
+         std::set<int> told;
+         for (int at = 0; at < 20; ++at) {
+            try {
+               manager()->runOnce(2000);
+               ADD_FAILURE() << "call " << at;
+            } catch (int pid) {
+               told.insert(pid);
+            }
+         }
+         EXPECT_EQ(told.size(), 20U);
+         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+         EXPECT_EQ(tracker->successfulTerminationCount(), 20U);
+         EXPECT_EQ(tracker->process().members(), 20U);
+         gate.open(20);
+      });
+   }
+}
+
+class Listener : public Siginfo::NotifieeConst {
+ public:
+   Calls calls;
+   void onExitStatus() override { heard("status"); }
+   void onExitSignal() override { heard("signal"); }
+   void onSignalCode() override { heard("code"); }
+
+ private:
+   void heard(const char* what) {
+      const Ptr<Siginfo const> info = notifier();
+      calls.push_back(std::string(what) + ' ' + std::to_string(info->exitStatus()) + ' ' +
+                      std::to_string(info->exitSignal()) + ' ' +
+                      std::to_string(info->signalCode()));
+      throw 7;
+   }
+};
+
+TEST_P(ChildEnd, TheCodeIsToldLastAlthoughEarlierHandlersThrow) {
+   inThisWay([this] {
+      for (const int value : {5, -SIGTERM, 0}) {
+         const Child child =
+            childOf(forkBody([value] { value < 0 ? killSelf(-value) : ::_exit(value); }));
+         const auto listener = Vel::newEntity<Listener>();
+         listener->notifierIs(child->siginfo());
+         listener->isRegisteredNotifieeIs(true);
+         EXPECT_THROW(manager()->runOnce(5000), int);
+         EXPECT_EQ(tracker->process(child->pid()), nullptr) << "the tracker heard it too";
+         const Calls heard = value > 0   ? Calls{"status 5 0 0", "code 5 0 3"}
+                             : value < 0 ? Calls{"signal 0 15 0", "code 0 15 4"}
+                                         : Calls{"code 0 0 3"};
+         EXPECT_EQ(listener->calls, heard);
+      }
+   });
+}
+
+// ---- who is watched, and for how long ----
+
+TEST_P(ChildEnd, AForgottenChildIsReapedAndOneFromOutsideIsGivenBack) {
+   inThisWay([this] {
+      const std::function<void(int)> forgettings[] = {
+         [&](int pid) { tracker->processDel(pid); },
+         [&](int pid) { tracker->process(pid)->siginfoDel(); },
+         [&](int pid) { tracker->process(pid)->siginfoIs("another", pid); },
+         [&](int) { tracker = Zor::newTracker<RudeTracker>(); },
+      };
+      const Gate gate;
+      const auto body = [&gate] {
+         gate.pass();
+         ::_exit(2);
+      };
+      for (const auto& forget : forgettings) {
+         forget(forkBody(body));
+      }
+      gate.open(4);
+      EXPECT_TRUE(runUntil([] { return !hasChildren(); }));
+      std::vector<int> outside;
+      for (const auto& forget : forgettings) {
+         outside.push_back(::fork());
+         if (outside.back() == 0) {
+            runAndExit(body);
+         }
+         tracker->processIs(outside.back(), "outside", readEnd());
+         forget(outside.back());
+      }
+      gate.open(4);
+      for (const int pid : outside) {
+         awaitZombie(pid);
+      }
+      expectQuiet(20, 1);
+      for (const int pid : outside) {
+         int status = -1;
+         EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+         EXPECT_EQ(WEXITSTATUS(status), 2);
+      }
+      EXPECT_EQ(tracker->successfulTerminationCount() + tracker->errorTerminationCount(), 0U);
+   });
+}
+
+TEST_P(ChildEnd, AStrangersEndIsThatOfItsPipe) {
+   inThisWay([this] {
+      const int file = ::open("/proc/self/exe", O_RDONLY);
+      for (const int pid : {::getpid(), ::getppid(), 1, 0, -1, std::numeric_limits<int>::min(),
+                            std::numeric_limits<int>::max()}) {
+         SCOPED_TRACE(pid);
+         for (const int useless : {-1, file, 5000}) {
+            EXPECT_THROW(tracker->processIs(pid, "stranger", useless), Vel::SystemException);
+            EXPECT_EQ(tracker->process(pid), nullptr);
+            EXPECT_FALSE(manager()->fd(useless));
+         }
+         int ends[2];
+         ASSERT_EQ(::pipe(ends), 0);
+         const Child child = tracker->processIs(pid, "stranger", ends[0]);
+         EXPECT_FALSE(child->siginfo()->signal(SIGKILL));
+         expectQuiet(10, 1);
+         ::close(ends[1]);
+         expectEnd(child, Siginfo::lost, 0, Siginfo::unknown);
+         EXPECT_EQ(tracker->process(pid), nullptr);
+      }
+      EXPECT_EQ(::close(file), 0);
+   });
+}
+
+TEST_P(ChildEnd, ASignalReachesOurRunningChildOnly) {
+   inThisWay([this] {
+      const Gate gate;
+      const Child child = childOf(forkBody([&gate] { gate.pass(); }));
+      const Ptr<Siginfo> info = child->siginfo();
+      EXPECT_FALSE(Vel::newEntity<Siginfo>("unwatched", child->pid())->signal(SIGKILL));
+      EXPECT_TRUE(info->signal(0));
+      EXPECT_THROW(info->signal(1000), Vel::SystemException);
+      EXPECT_TRUE(info->signal(SIGTERM));
+      expectEnd(child, Siginfo::killed, SIGTERM);
+   });
+}
+
+TEST_P(ChildEnd, ItsDescriptorsMayBeClosedByTheClosingWalk) {
+   inThisWay([this] {
+      for (const bool pipeKept : {false, true}) {
+         const Gate gate;
+         const int pid = forkBody([&] {
+            gate.pass();
+            ::_exit(12);
+         });
+         const Child child = childOf(pid);
+         const auto context = Vel::newEntity<Context>();
+         for (const int descriptor : openDescriptors()) {
+            const bool pipe = descriptor == child->siginfo()->childPipe()->descriptor();
+            context->skipFdIs(descriptor, pipe ? pipeKept : !manager()->fd(descriptor));
+         }
+         Zor::childProcessTrackerCloseFds(context);
+         gate.open();
+         expectEnd(child, Siginfo::exited, 12);
+         manager()->pollFd();
+      }
+   });
+}
+
+} // namespace
