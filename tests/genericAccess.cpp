@@ -4,7 +4,9 @@
 
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <typeinfo>
+#include <utility>
 
 namespace {
 
@@ -30,6 +32,8 @@ TEST_F(GenericAccess, TakesValuesAndTextAndGoesThroughTheVirtualOperations) {
    EXPECT_EQ(made->read("description")->stringValue(), "new one");
    EXPECT_EQ(sm->read("errorTerminationCount")->unsignedValue(), 517U);
    EXPECT_EQ(sm->read("lastFailedProcessTerminationError")->strRep(), "signaled");
+   EXPECT_EQ(sm->read("lastFailedProcess")->entity(), child);
+   EXPECT_TRUE(sm->read("lastFailedProcess")->isConst() && !made->isConst());
    EXPECT_EQ(sm->read("process", 99), nullptr);
    EXPECT_TRUE(sm->has("childProcess", 43) && !sm->has("childProcess", 99));
    EXPECT_FALSE(contextIf->has("skipFd", 9) || contextIf->read("skipFd", 9)->boolValue());
@@ -217,10 +221,16 @@ TEST_F(GenericAccess, WatchesWeaklyUntilEitherSideGoes) {
    auto watch = childIf->watch("siginfo", count);
    auto outliving = childIf->watch("siginfo", count);
    auto within = watch;
-   within = childIf->watch("siginfo", [&] { within = nullptr; });
+   auto held = std::make_shared<int>();
+   const std::weak_ptr<int> function = held;
+   within = childIf->watch("siginfo", [&within, &function, own = std::move(held)] {
+      within = nullptr;
+      EXPECT_FALSE(function.expired()) << "a function is gone while it runs";
+   });
    childIf->write("siginfo", "end", 41);
    EXPECT_EQ(changes, 2);
    EXPECT_EQ(within, nullptr);
+   EXPECT_TRUE(function.expired());
    watch = nullptr;
    childIf->del("siginfo");
    EXPECT_EQ(changes, 3);
