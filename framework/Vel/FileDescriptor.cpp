@@ -82,8 +82,9 @@ void FileDescriptor::watchUpdate() {
 }
 
 void FileDescriptor::deliver(std::uint32_t events, const std::uint32_t& serial) {
-   const Ptr<FileDescriptor> self(this); // a handler may drop every other handle on it
-   const std::uint32_t fetched = serial; // ... or have it own another one, even of this number
+   // Another one once a handler has ended this object, or has it own another descriptor, even one
+   // of this number: nothing of the object is looked at before that is known.
+   const std::uint32_t fetched = serial;
    if ((settings_ & childPipeSetting) == 0) {
       ActivityCore::instance().deliveryMade();
    }
