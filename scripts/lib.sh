@@ -6,8 +6,8 @@ exec </dev/null # nothing here asks a question, and standard input may be closed
 export CTEST_PARALLEL_LEVEL="${CTEST_PARALLEL_LEVEL:-$(nproc)}"
 
 build_packages=(g++ cmake ninja-build libboost-dev)
-demo_packages=("${build_packages[@]}" libcli11-dev)
-test_packages=("${demo_packages[@]}" nlohmann-json3-dev libgtest-dev libgmock-dev pkg-config)
+demo_packages=("${build_packages[@]}" libcli11-dev nlohmann-json3-dev)
+test_packages=("${demo_packages[@]}" libgtest-dev libgmock-dev pkg-config)
 
 die() {
    echo "$*" >&2

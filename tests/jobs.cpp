@@ -225,7 +225,7 @@ TEST(JobsDeathTest, TheMaskIsRestored) {
       ::sigemptyset(&start);
       ::sigaddset(&start, SIGUSR1);
       ::sigprocmask(SIG_SETMASK, &start, nullptr);
-      const jobs::StartState state;
+      const jobs::StartState state(false);
       const bool taken = blocked(SIGINT) && blocked(SIGTERM) && blocked(SIGUSR1);
       state.restore();
       ::_exit(taken && !blocked(SIGINT) && !blocked(SIGTERM) && blocked(SIGUSR1) ? 0 : 1);
@@ -280,6 +280,18 @@ TEST_F(Jobs, ATerminalShowsAProgressLineThatIsClearedForEachToldLine) {
 TEST_F(Jobs, TheTrackerIsTracedWhenAskedFor) {
    EXPECT_THAT(jobs("exit 4", "--trace 2> traced; cat traced"), HasSubstr("exited with status 4"));
    EXPECT_THAT(jobs("exit 4"), Not(HasSubstr("exited with status")));
+}
+
+TEST_F(Jobs, TheStateIsWrittenWhenAskedForAndAtTheEnd) {
+   list("kill -USR1 $PPID; while [ ! -e state ]; do sleep 0.01; done; cp state seen; exit 3");
+   EXPECT_THAT(shell("env --ignore-signal=USR1 \"$JOBS\" list --status state; ls"),
+               Not(HasSubstr(".new")));
+   EXPECT_THAT(file("seen"), AllOf(HasSubstr("\"signalCode\": \"none\""),
+                                   HasSubstr("\"errorTerminationCount\": 0")));
+   EXPECT_THAT(file("state"), AllOf(HasSubstr("\"process\": {}"), HasSubstr("\"exitStatus\": 3"),
+                                    HasSubstr("\"errorTerminationCount\": 1")));
+   EXPECT_THAT(jobs("true", "--status no/such/place"),
+               AllOf(HasSubstr("No such file"), HasSubstr("1 succeeded"), EndsWith("=0\n")));
 }
 
 TEST_F(Jobs, TheShippedListEndsAsItSays) {

@@ -50,6 +50,9 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
       ->check(CLI::Validator(checkSeconds, ""))
       ->type_name("SECONDS")
       ->capture_default_str();
+   app.add_option("--status", options.status,
+                  "Write the tracker's state there as JSON, on SIGUSR1 and at the end")
+      ->type_name("FILE");
    app.add_flag("--trace", options.trace, "Trace the tracker to standard error");
    try {
       app.parse(argc, argv);

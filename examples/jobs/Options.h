@@ -12,6 +12,7 @@ struct Options {
    double timeout = 0;     // seconds that a command may take; 0: as long as it likes
    double grace = 2;       // seconds between asking it to end and killing it
    bool trace = false;
+   std::string status; // the file that shows the state; empty: none
 };
 
 // Fills in what the command line says. Returns the exit status when there is nothing to run: help

@@ -1,6 +1,7 @@
 #include "Runner.h"
 
 #include "Report.h"
+#include "StatusFile.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,7 +25,12 @@ Runner::Runner(Options options, std::vector<std::string> commands, const StartSt
                          startState, [this](const Zor::ChildProcess& child) { ended(child); })),
      signals_(Vel::newEntity<SignalWatch>(startState.interrupting(),
                                           [this](int signal) { interruptedBy(signal); })),
-     timer_(Vel::newEntity<Timer>()) {}
+     timer_(Vel::newEntity<Timer>()) {
+   if (!options_.status.empty()) {
+      statusSignals_ =
+         Vel::newEntity<SignalWatch>(startState.askingForStatus(), [this](int) { showStatus(); });
+   }
+}
 
 Runner::~Runner() {
    for (const auto& entry : running_) {
@@ -92,6 +98,12 @@ void Runner::ended(const Zor::ChildProcess& child) {
    deadlines_.erase({job.deadline, child.pid()});
    timedOut_ += job.timedOut;
    screen_.tell(endLine(child, Clock::now() - job.started, job.timedOut));
+}
+
+void Runner::showStatus() const {
+   if (!options_.status.empty()) {
+      writeStatus(options_.status, tracker_);
+   }
 }
 
 // The first time whoever asked is passed on and what runs may end in its own way.

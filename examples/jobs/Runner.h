@@ -25,6 +25,7 @@ class Runner {
    ~Runner();
 
    void run();
+   void showStatus() const; // in the file that the options name, if any
 
    Progress progress() const;
    int interruption() const noexcept { return interruption_; } // the first signal, 0 for none
@@ -56,6 +57,7 @@ class Runner {
    Screen& screen_;
    Vel::Ptr<JobTracker> tracker_;
    Vel::Ptr<SignalWatch> signals_;
+   Vel::Ptr<SignalWatch> statusSignals_;
    Vel::Ptr<Timer> timer_;
    std::unordered_map<int, Job> running_;                  // by process id
    std::set<std::pair<Clock::time_point, int>> deadlines_; // of those, with the process id

@@ -17,9 +17,10 @@ void standardInputIsNull();
 // error, and ends of children stay to be waited for. One per process.
 class StartState {
  public:
-   StartState();
+   explicit StartState(bool showsStatus); // whether SIGUSR1 is ours too
 
    const sigset_t& interrupting() const noexcept { return interrupting_; }
+   const sigset_t& askingForStatus() const noexcept { return askingForStatus_; } // or no signal
    // What to send to commands to pass the signal on: they ignore what was ignored at the start.
    int passedOn(int signal) const noexcept;
    // In a forked child: as they were at the start. Makes only calls that are safe there.
@@ -28,8 +29,10 @@ class StartState {
  private:
    sigset_t mask_{};
    sigset_t interrupting_{};
+   sigset_t askingForStatus_{};
    struct sigaction pipe_ {};
    struct sigaction child_ {};
+   struct sigaction status_ {};
 };
 
 } // namespace jobs

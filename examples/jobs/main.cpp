@@ -52,10 +52,11 @@ int run(int argc, char** argv) {
    std::vector<std::string> commands = jobs::readCommands(options.list);
    jobs::standardInputIsNull();
    Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 8, options.trace);
-   const jobs::StartState startState;
+   const jobs::StartState startState(!options.status.empty());
    jobs::Screen screen(wantsProgressLine(options));
    jobs::Runner runner(options, std::move(commands), startState, screen);
    runner.run();
+   runner.showStatus();
    tellSummary(runner, screen);
    return exitStatus(runner, screen);
 }
