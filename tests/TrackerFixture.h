@@ -101,66 +101,59 @@ class RudeTracker : public Sm {
    Calls* calls = nullptr;
 
    void forkedChildExitCallback(const Child& child) override {
-      note("hook", child->pid());
+      noted("hook", child->pid());
       if (hook) {
          hook(child);
       }
    }
    Vel::Ptr<Zor::ChildProcess> processDel(int pid) override {
-      note("processDel", pid);
-      return Sm::processDel(pid);
+      return noted("processDel", pid).Sm::processDel(pid);
    }
    Vel::Ptr<Zor::ChildProcess> processDel(ProcessMap::Iterator& at) override {
-      note("processDel at", at ? at->pid() : 0);
-      return Sm::processDel(at);
+      return noted("processDel at", at ? at->pid() : 0).Sm::processDel(at);
    }
    Vel::Ptr<Zor::ChildProcess> processIs(int pid, Vel::String8 name, int readEnd) override {
-      note("processIs", pid);
+      noted("processIs", pid);
       if (processIsStarts) {
          processIsStarts(pid);
       }
       return Sm::processIs(pid, name, readEnd);
    }
    Child childProcessDel(int pid) override {
-      note("childProcessDel", pid);
-      return Sm::childProcessDel(pid);
+      return noted("childProcessDel", pid).Sm::childProcessDel(pid);
    }
    Child childProcessDel(ChildProcessMap::Iterator& at) override {
-      note("childProcessDel at", at ? at->fwkKey() : 0);
-      return Sm::childProcessDel(at);
+      return noted("childProcessDel at", at ? at->fwkKey() : 0).Sm::childProcessDel(at);
    }
    void childProcessIs(const Child& child) override {
-      note("childProcessIs", child ? child->pid() : 0);
+      noted("childProcessIs", child ? child->pid() : 0);
       if (childProcessIsStarts) {
          childProcessIsStarts(child);
       }
       Sm::childProcessIs(child);
    }
    void lastFailedProcessIs(const Child& child) override {
-      note("lastFailed", child ? child->pid() : 0);
-      Sm::lastFailedProcessIs(child);
+      noted("lastFailed", child ? child->pid() : 0).Sm::lastFailedProcessIs(child);
    }
    void lastFailedProcessTerminationErrorIs(terminationError error) override {
-      note("error", error);
-      Sm::lastFailedProcessTerminationErrorIs(error);
+      noted("error", error).Sm::lastFailedProcessTerminationErrorIs(error);
    }
    void successfulTerminationCountInc(unsigned n) override {
-      note("successes", n);
-      Sm::successfulTerminationCountInc(n);
+      noted("successes", n).Sm::successfulTerminationCountInc(n);
    }
    void errorTerminationCountInc(unsigned n) override {
-      note("errors", n);
-      Sm::errorTerminationCountInc(n);
+      noted("errors", n).Sm::errorTerminationCountInc(n);
    }
 
  private:
-   template <class Number> void note(const char* call, Number number) {
+   template <class Number> RudeTracker& noted(const char* call, Number number) {
       if (calls != nullptr) {
          calls->push_back(call + (' ' + std::to_string(number)));
       }
       if (called) {
          called(call);
       }
+      return *this;
    }
 };
 
