@@ -209,11 +209,8 @@ class Play {
       ++visit.next;
       if (depth_ < 3) {
          ++depth_;
-         const Vel::FirstException deed = [this] {
-            Vel::FirstException first;
-            first.run([this] { act(); });
-            return first;
-         }();
+         Vel::FirstException deed;
+         deed.run([this] { act(); });
          --depth_;
          deed.rethrow();
       }
