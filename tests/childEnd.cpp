@@ -613,13 +613,17 @@ TEST_P(ChildEnd, ASignalReachesOurRunningChildOnly) {
 
 TEST_P(ChildEnd, ItsDescriptorsMayBeClosedByTheClosingWalk) {
    inThisWay([this] {
-      for (const bool pipeKept : {false, true}) {
+      for (const char* const lost : {"all", "all but the pipe", "the poll set"}) {
          const Gate gate;
          const Child child = childAt(gate, 12);
+         const int pipe = child->siginfo()->childPipe()->descriptor();
+         const int set = manager()->pollFd();
          const auto context = Vel::newEntity<Context>();
          for (const int descriptor : openDescriptors()) {
-            const bool pipe = descriptor == child->siginfo()->childPipe()->descriptor();
-            context->skipFdIs(descriptor, pipe ? pipeKept : !manager()->fd(descriptor));
+            const bool kept = lost == std::string("the poll set") ? descriptor != set
+                              : descriptor == pipe                ? lost != std::string("all")
+                                                                  : !manager()->fd(descriptor);
+            context->skipFdIs(descriptor, kept);
          }
          Zor::childProcessTrackerCloseFds(context);
          gate.open();
