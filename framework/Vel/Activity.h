@@ -89,7 +89,8 @@ class VEL_EXPORT FileDescriptor : public PtrInterface {
    bool notifyOnException() const noexcept { return settings_ & exceptionSetting; }
 
    // Owns and watches another descriptor from now on, or none for a negative number; the previous
-   // one is closed. Throws, when it can't be watched, without having taken it.
+   // one is closed. SystemException, without having taken it, for a number that isn't open or
+   // can't be watched; whoever had that number before has lost it all the same.
    virtual void descriptorIs(int descriptor);
    // Sets or clears O_NONBLOCK on the present descriptor and, while on, on those to come.
    virtual void nonBlockingIs(bool on);

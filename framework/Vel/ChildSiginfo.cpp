@@ -98,6 +98,9 @@ void ChildSiginfo::endIs(const End& end) {
    if (childPipe_) {
       childPipe_->close();
    }
+   if (childPipeReactor_ && childPipeReactor_->notifier()) { // usually the same one
+      const_cast<FileDescriptor*>(childPipeReactor_->notifier().get())->close();
+   }
    coreDumped_ = end.coreDumped;
    provenance_ = end.provenance;
    FirstException first;

@@ -1,6 +1,8 @@
+#include <Vel/Exception.h>
 #include <Vel/internal/ActivityCore.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 #include <utility>
@@ -20,6 +22,9 @@ void FileDescriptor::descriptorIs(int descriptor) {
    }
    ActivityCore& core = ActivityCore::instance();
    if (descriptor >= 0) {
+      if (::fcntl(descriptor, F_GETFD) < 0) { // it would be the next one's who gets the number
+         throwSystemException("a descriptor that isn't open", errno);
+      }
       core.ownerIs(descriptor, this);
       try {
          core.eventsIs(descriptor, wantedEvents());

@@ -174,8 +174,13 @@ void PtrInterface::NotifieeConst::hasNotificationActiveIs(bool active) {
    }
    bitsIs(notificationActiveBit, active);
    if (active) {
-      if ((notifieeFlags_ & wasRegisteredFlag) != 0) {
-         isRegisteredNotifieeIs(true);
+      try {
+         if ((notifieeFlags_ & wasRegisteredFlag) != 0) {
+            isRegisteredNotifieeIs(true);
+         }
+      } catch (...) { // still off, so that switching on can be tried again
+         bitsIs(notificationActiveBit, false);
+         throw;
       }
       return;
    }

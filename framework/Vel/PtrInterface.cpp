@@ -1,3 +1,4 @@
+#include <Vel/Exception.h>
 #include <Vel/PtrInterface.h>
 
 #include <cassert>
@@ -48,9 +49,12 @@ void PtrInterface::handleZeroRef() const {
    // by the destructor itself, brings the word to zero a second time.
    bitsIs(finishingBit, true);
    auto* self = const_cast<PtrInterface*>(this);
-   self->zeroReferencesIs(true);
+   FirstException
+      first; // of a notifiee, which goes to whoever let go; the object ends all the same
+   first.run([&] { self->zeroReferencesIs(true); });
    assert((references() & countMask) == 0 && "a handle was kept on an object being finished");
    delete self;
+   first.rethrow();
 }
 
 void PtrInterface::bitsIs(std::uint32_t bits, bool on) const noexcept {

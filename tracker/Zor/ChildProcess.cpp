@@ -8,6 +8,18 @@ namespace Zor {
 
 Vel::AllocTrackTypeInfo* ChildProcess::velAllocTrackTypeInfo_ = nullptr;
 
+namespace {
+
+void descriptorIs(Vel::FileDescriptor& pipe, int descriptor) {
+   try {
+      pipe.descriptorIs(descriptor);
+   } catch (const Vel::SystemException&) {
+      // Not open, which is no error yet: the process may still be watched, as the reactor tells.
+   }
+}
+
+} // namespace
+
 ChildProcess::ChildProcess(int pid, Vel::String8 description, int readFromChildFd)
    : pid_(pid), description_(std::move(description)) {
    handleInitialized(readFromChildFd);
@@ -24,7 +36,7 @@ void ChildProcess::handleInitialized(int readFromChildFd) {
    const Vel::Ptr<Vel::FileDescriptor> pipe =
       siginfo->childPipeIs(Vel::format("Child%dPipe", pid_));
    try {
-      pipe->descriptorIs(readFromChildFd);
+      descriptorIs(*pipe, readFromChildFd);
       pipe->nonBlockingIs(true);
       pipe->notifyOnReadableIs(true);
       pipe->notifyOnWritableIs(false);

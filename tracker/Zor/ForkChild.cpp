@@ -83,7 +83,6 @@ void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) 
    const ForkedChild forked(pid);
    Vel::FirstException fromStale; // thrown only when the new child is safe
    forgetStale(tracker, pid, fromStale);
-   const bool known = tracker.process(pid) != nullptr;
    const ReadEnd handed(readEnd);
    try {
       tracker.processIs(pid, name, readEnd);
@@ -91,9 +90,7 @@ void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) 
       handed.closeUnlessTaken();
       throw;
    }
-   if (known) {
-      handed.closeUnlessTaken(); // a record that was there before keeps its own
-   }
+   handed.closeUnlessTaken(); // as by a record that was there before and keeps its own
    fromStale.rethrow();
 }
 

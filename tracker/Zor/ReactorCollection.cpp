@@ -70,8 +70,15 @@ Vel::Ptr<ChildProcess const> Sm::reactorDel(VelChildProcess* entry) {
 }
 
 void Sm::childProcessDelAll() {
-   for (ChildProcessMap::Iterator reactor(&childProcess_); reactor; reactor.advance()) {
-      childProcessDel(reactor);
+   // Again while that helps: of several reactors without a child, which all have key 0, advancing
+   // from one that was removed passes over the others.
+   for (unsigned before = 0; (before = childProcess_.members()) != 0;) {
+      for (ChildProcessMap::Iterator reactor(&childProcess_); reactor; reactor.advance()) {
+         childProcessDel(reactor);
+      }
+      if (childProcess_.members() >= before) {
+         return; // an override keeps them
+      }
    }
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <limits>
 #include <unistd.h>
 #include <utility>
@@ -103,7 +104,7 @@ void ActivityCore::forgotten(std::uintptr_t owner) noexcept {
    const DescriptorPlace had{.owner = owner};
    if (FileDescriptor* const object = had.object()) {
       object->forget();
-      if ((object->settings_ & FileDescriptor::childPipeSetting) != 0) {
+      if ((object->settings_ & FileDescriptor::childPipeSetting) != 0 && children_ != nullptr) {
          children_->onPipeForgotten();
       }
    } else {
@@ -128,12 +129,13 @@ void ActivityCore::fdDel(int descriptor) noexcept {
 
 int ActivityCore::fdDelUnless(bool (*kept)(int, const void*), const void* context) noexcept {
    adoptProcess();
-   int end = pollSet_ + 1;
+   // Also what a forked child has just left to its parent was known to be open.
+   auto end = static_cast<int>(
+      std::min<std::int64_t>(std::max<std::int64_t>(pollSetEnd_, table_.end()), INT_MAX));
    if (pollSet_ >= 0 && !kept(pollSet_, context)) {
       forgetPollSet();
    }
    table_.forEach([&](int descriptor, DescriptorPlace&) {
-      end = std::max(end, descriptor + 1);
       if (!kept(descriptor, context)) {
          fdDel(descriptor);
       }
@@ -163,7 +165,14 @@ int ActivityCore::pollSet() {
       if (pollSet_ < 0) {
          throwSystemException("no poll set", errno);
       }
-      fillPollSet();
+      pollSetEnd_ = std::max(pollSetEnd_, pollSet_ + 1);
+      try {
+         fillPollSet();
+      } catch (...) { // a set that lacks some would never get them: the next use tries again
+         ::close(pollSet_);
+         forgetPollSet();
+         throw;
+      }
    }
    return pollSet_;
 }
@@ -244,13 +253,18 @@ int ActivityCore::runOnce(int timeoutMs) {
    const auto mine = [&] { return deliveries_ - deliveriesBefore - (claimed_ - claimedBefore); };
    const Deadline deadline(timeoutMs);
    std::int64_t left = timeoutMs;
+   bool more = false; // events than could be fetched at once
    do {
       if (next_ == end_) {
          fetch(left);
+         more = end_ == static_cast<int>(fetched_.size());
       }
       deliverFetched();
+      if (children_ != nullptr && children_->pauseMs() == 0) {
+         children_->onPause();
+      }
       left = deadline.leftMs();
-   } while (mine() == 0 && left != 0);
+   } while (mine() == 0 && (left != 0 || more));
    const std::uint64_t made = mine();
    claimed_ += made;
    return static_cast<int>(made);
@@ -290,8 +304,6 @@ void ActivityCore::fetch(std::int64_t waitMs) {
       ++wakeups_.total;
       batchOpen_ = true;
       deliveredBefore_ = deliveries_;
-   } else if (pauseFirst) {
-      children_->onPause();
    }
 }
 

@@ -80,6 +80,7 @@ class ActivityCore {
    DescriptorTable table_;
    ChildEvents* children_ = nullptr; // lives for the process, once there is one
    int pollSet_ = -1;
+   int pollSetEnd_ = 0; // one more than the highest number that it ever had
    // Events that were fetched and not yet delivered. They are the manager's, not a call's: a run
    // within a handler goes on with them.
    std::array<epoll_event, 64> fetched_;

@@ -14,7 +14,6 @@ namespace Vel {
 namespace {
 
 constexpr std::uint32_t timerTag = 0x7fffffff;
-constexpr int longestPause = 1000;
 constexpr int shortestPause = 1;
 constexpr int pauseGrowth = 4;
 constexpr int askedAtOnce = 256; // in one round, so that none takes long
@@ -47,17 +46,29 @@ void ChildWatch::forkedReserve() {
 void ChildWatch::forkedIs(int pid) noexcept {
    // Whoever else is asked for by this number has been reaped by other code, or fork could not
    // have given the number out again. From now on waiting by number would take the wrong one.
-   for (std::uint32_t at = 0; askedCount_ != 0 && at < children_.size(); ++at) {
+   const bool byNumber = askedCount_ != 0 || unsettledCount_ != 0;
+   for (std::uint32_t at = 0; byNumber && at < children_.size(); ++at) {
       Place& stale = children_[at];
       if (stale.pid == pid && stale.pidfd < 0) {
-         stale.gone = true;
-         stale.ours = false;
-         pauseIs(shortestPause);
+         goneIs(stale);
       }
    }
-   children_.push_back({.siginfo = nullptr, .pid = pid, .forked = true, .unsettled = true});
+   children_.push_back({.siginfo = nullptr, .pid = pid, .forked = true});
    ++unwatchedCount_;
-   unsettled_ = true;
+   unsettledIs(children_.back(), true);
+}
+
+// It is told of as lost, unless its pidfd knows better; by its number nobody is waited for.
+void ChildWatch::goneIs(Place& place) noexcept {
+   place.gone = true;
+   place.ours = false;
+   unsettledIs(place, true);
+}
+
+void ChildWatch::unsettledIs(Place& place, bool unsettled) noexcept {
+   unsettledCount_ +=
+      static_cast<std::uint32_t>(unsettled) - static_cast<std::uint32_t>(place.unsettled);
+   place.unsettled = unsettled;
 }
 
 // The place of a child that waits for a siginfo, or a new one.
@@ -103,8 +114,7 @@ void ChildWatch::leave(ChildSiginfo& siginfo) noexcept {
    if (!place.forked) {
       drop(at);
    } else if (!place.watched) {
-      place.unsettled = true;
-      unsettled_ = true;
+      unsettledIs(place, true);
    }
 }
 
@@ -112,6 +122,7 @@ void ChildWatch::drop(std::uint32_t at) noexcept {
    Place& place = children_[at];
    closePidfd(place);
    askedIs(place, false);
+   unsettledIs(place, false);
    if (place.siginfo != nullptr) {
       place.siginfo->place_ = ChildSiginfo::noPlace;
    } else {
@@ -125,19 +136,21 @@ void ChildWatch::drop(std::uint32_t at) noexcept {
       if (last.siginfo != nullptr) {
          last.siginfo->place_ = at;
       }
-      if (last.pidfd >= 0) {
+      if (last.owned) {
          core_.tagIs(last.pidfd, at);
       }
    }
 }
 
 void ChildWatch::closePidfd(Place& place) noexcept {
-   if (place.pidfd >= 0) {
+   if (place.owned) {
       core_.release(place.pidfd);
+   }
+   if (place.pidfd >= 0) {
       ::close(place.pidfd);
       place.pidfd = -1;
    }
-   place.watched = false;
+   place.owned = place.watched = false;
 }
 
 // ---- starting to watch ----
@@ -145,14 +158,18 @@ void ChildWatch::closePidfd(Place& place) noexcept {
 // Watches by pidfd as far as that goes; otherwise a child of ours is asked after.
 void ChildWatch::open(std::uint32_t at) noexcept {
    Place& place = children_[at];
-   place.unsettled = false;
-   if (!place.watched && place.ours && !place.gone && !openPidfd(at) && place.pidfd < 0) {
+   unsettledIs(place, false);
+   if (!place.watched && place.ours && !openPidfd(at) && place.pidfd < 0) {
       // A child that was forked here is ours until somebody says that it isn't any more.
       const Ours ours = place.ours ? pidIsOurChild(place.pid) : Ours::no;
       place.ours = place.forked ? ours != Ours::no : ours == Ours::yes;
+      place.gone = !place.ours && place.known; // other code has waited for it meanwhile
    }
+   place.known = place.known || place.ours;
    askedIs(place, (place.ours && !place.watched) || place.gone);
-   if (place.asked && pause_ == 0) {
+   if (place.gone) {
+      askSoon();
+   } else if (place.asked) {
       pauseIs(longestPause);
    }
 }
@@ -178,8 +195,9 @@ bool ChildWatch::openPidfd(std::uint32_t at) noexcept {
       place.pidfd = pidfd;
    }
    try {
-      if (!core_.fd(place.pidfd)) {
+      if (!place.owned) {
          core_.ownerIs(place.pidfd, at);
+         place.owned = true;
       }
       core_.eventsIs(place.pidfd, EPOLLIN | EPOLLET);
       place.watched = true;
@@ -190,52 +208,49 @@ bool ChildWatch::openPidfd(std::uint32_t at) noexcept {
 }
 
 void ChildWatch::settle() noexcept {
-   if (!unsettled_) {
+   if (pausing_ && timer_ < 0) {
+      startTimer();
+   }
+   if (unsettledCount_ == 0 && !pipesForgotten_) {
       return;
    }
-   unsettled_ = false;
-   if (timer_ < 0 && pause_ != 0) {
-      pauseIs(pause_);
-   }
+   pipesForgotten_ = false;
    for (std::uint32_t at = 0; at < children_.size(); ++at) {
       Place& place = children_[at];
-      const bool pipeLost =
-         !place.ours && place.siginfo != nullptr &&
-         (!place.siginfo->childPipe() || place.siginfo->childPipe()->descriptor() < 0);
-      if (pipeLost && !place.gone) {
-         place.gone = true; // a stranger of whom nothing can be heard any more
-         place.unsettled = true;
-      }
       if (place.unsettled) {
          open(at);
       }
       if (place.siginfo == nullptr && !place.ours) {
          drop(at--); // reaped by other code before it could be watched: nobody wants to know
-      } else if (place.gone) {
-         pauseIs(shortestPause);
+      } else if (!place.ours && !place.gone && pipeIsLost(*place.siginfo)) {
+         goneIs(place); // a stranger of whom nothing can be heard any more
+         open(at);
       }
    }
+}
+
+bool ChildWatch::pipeIsLost(const ChildSiginfo& siginfo) {
+   const auto& reactor = siginfo.childPipeReactor();
+   return reactor && (!reactor->notifier() || reactor->notifier()->descriptor() < 0);
 }
 
 void ChildWatch::onForgotten(std::uint32_t tag) noexcept {
    if (tag == timerTag) {
       timer_ = -1;
-   } else {
-      Place& place = children_[tag];
-      place.pidfd = -1;
-      place.watched = false;
-      place.unsettled = true;
+      return;
    }
-   unsettled_ = true;
+   Place& place = children_[tag];
+   place.pidfd = -1;
+   place.owned = place.watched = false;
+   unsettledIs(place, true);
 }
 
 void ChildWatch::onPollSetLost() noexcept {
    for (Place& place : children_) {
-      place.unsettled = place.unsettled || place.watched;
+      unsettledIs(place, place.unsettled || place.watched);
       place.watched = false;
    }
    closeTimer();
-   unsettled_ = true;
 }
 
 void ChildWatch::onFork() noexcept {
@@ -245,10 +260,9 @@ void ChildWatch::onFork() noexcept {
       }
    }
    children_.clear();
-   unwatchedCount_ = askedCount_ = cursor_ = 0;
-   unsettled_ = false;
+   unwatchedCount_ = askedCount_ = unsettledCount_ = cursor_ = 0;
+   pipesForgotten_ = pausing_ = false;
    timer_ = -1;
-   pause_ = 0;
 }
 
 // ---- learning of the end ----
@@ -275,7 +289,7 @@ void ChildWatch::onEvent(std::uint32_t tag, std::uint32_t) {
    const Ended ended = ask(children_[tag], status);
    if (ended == Ended::unknown) { // the edge is gone, and there may be no other
       askedIs(children_[tag], true);
-      pauseIs(shortestPause);
+      askSoon();
    }
    conclude(tag, ended, status);
 }
@@ -290,7 +304,7 @@ void ChildWatch::pipeEnded(ChildSiginfo& siginfo) {
    ProcessStatus status;
    const Ended ended = ask(place, status);
    if (ended == Ended::no || ended == Ended::unknown) {
-      pauseIs(shortestPause); // usually a moment before it can be waited for
+      askSoon(); // usually a moment before it can be waited for
    }
    conclude(at, ended, status);
 }
@@ -349,26 +363,34 @@ void ChildWatch::askedIs(Place& place, bool asked) noexcept {
    askedCount_ += static_cast<std::uint32_t>(asked) - static_cast<std::uint32_t>(place.asked);
    place.asked = asked;
    if (askedCount_ == 0) {
-      pause_ = 0;
+      pausing_ = false;
       closeTimer();
    }
 }
 
 // Starts a pause, unless one is running that ends before.
 void ChildWatch::pauseIs(int ms) noexcept {
-   if (askedCount_ == 0) {
-      return; // nobody: the timer would outlast its use
-   }
    const std::int64_t end = nowMs() + ms;
-   if (pause_ != 0 && pauseEnd_ <= end && timer_ >= 0) {
+   if (askedCount_ == 0 || (pausing_ && pauseEnd_ <= end)) {
       return;
    }
-   pause_ = ms;
+   pausing_ = true;
    pauseEnd_ = end;
+   startTimer();
+}
+
+// There is news of somebody: pauses are short again, and then grow.
+void ChildWatch::askSoon() noexcept {
+   roundPause_ = shortestPause;
+   pauseIs(shortestPause);
+}
+
+// Without a timer the loop's own wait is cut short.
+void ChildWatch::startTimer() noexcept {
    if (timer_ < 0) {
       timer_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
       if (timer_ < 0) {
-         return; // then the loop's own wait is cut short
+         return;
       }
       try {
          core_.ownerIs(timer_, timerTag);
@@ -378,8 +400,9 @@ void ChildWatch::pauseIs(int ms) noexcept {
          return;
       }
    }
+   const std::int64_t ms = std::max<std::int64_t>(pauseEnd_ - nowMs(), 1);
    itimerspec time{};
-   time.it_value = {.tv_sec = ms / 1000, .tv_nsec = ms % 1000 * 1'000'000L};
+   time.it_value = {.tv_sec = ms / 1000, .tv_nsec = ms % 1000 * 1'000'000};
    ::timerfd_settime(timer_, 0, &time, nullptr);
 }
 
@@ -392,19 +415,31 @@ void ChildWatch::closeTimer() noexcept {
 }
 
 int ChildWatch::pauseMs() const noexcept {
-   if (pause_ == 0 || timer_ >= 0) {
+   if (!pausing_ || timer_ >= 0) {
       return -1;
    }
    return static_cast<int>(std::max<std::int64_t>(pauseEnd_ - nowMs(), 0));
 }
 
-bool ChildWatch::timerServes() noexcept { return timer_ >= 0; }
+bool ChildWatch::timerServes() const noexcept { return timer_ >= 0; }
 
+// Asks some of the children; a round over all of them is followed by a longer pause.
 void ChildWatch::onPause() {
-   const int previous = std::exchange(pause_, 0);
-   // The next pause is fixed first: what is concluded below may throw.
-   const bool longer = askedCount_ <= askedAtOnce;
-   pauseIs(longer ? std::min(previous * pauseGrowth, longestPause) : shortestPause);
+   pausing_ = false;
+   if (cursor_ == 0) {
+      roundPause_ = std::min(roundPause_ * pauseGrowth, longestPause);
+   }
+   // The rest of the round is due soon, also when a handler throws. In a child that comes out of
+   // a handler there is no rest: these are its parent's children.
+   const struct Next {
+      ChildWatch& watch;
+      ~Next() {
+         watch.core_.adoptProcess();
+         const bool done = watch.cursor_ >= watch.children_.size();
+         watch.cursor_ = done ? 0 : watch.cursor_;
+         watch.pauseIs(done ? watch.roundPause_ : shortestPause);
+      }
+   } next{*this};
    for (int asked = 0; asked < askedAtOnce && cursor_ < children_.size();) {
       Place& place = children_[cursor_];
       if (!place.asked) {
@@ -415,18 +450,11 @@ void ChildWatch::onPause() {
       ProcessStatus status;
       const Ended ended = ask(place, status);
       if (ended == Ended::yes || ended == Ended::lost) {
-         try {
-            conclude(cursor_, ended, status); // another child has its place now
-         } catch (...) {
-            pauseIs(shortestPause); // the rest of the round is due
-            throw;
-         }
+         conclude(cursor_, ended, status); // another child has its place now
+         core_.adoptProcess();
       } else {
          ++cursor_;
       }
-   }
-   if (cursor_ >= children_.size()) {
-      cursor_ = 0;
    }
 }
 

@@ -45,7 +45,7 @@ class ChildWatch final : public ChildEvents {
    int pauseMs() const noexcept override;
    void onBeforeWait() noexcept override { settle(); }
    void onForgotten(std::uint32_t tag) noexcept override;
-   void onPipeForgotten() noexcept override { unsettled_ = true; }
+   void onPipeForgotten() noexcept override { pipesForgotten_ = true; }
    void onPollSetLost() noexcept override;
    void onFork() noexcept override;
 
@@ -56,11 +56,15 @@ class ChildWatch final : public ChildEvents {
       int pidfd = -1;
       bool forked = false;    // by us: reaped even when nobody watches
       bool ours = true;       // our child, so waiting for it is right
-      bool watched = false;   // the poll set has the pidfd
+      bool known = false;     // ... as the kernel has confirmed once
+      bool owned = false;     // the manager knows whose the pidfd is
+      bool watched = false;   // the poll set has it
       bool asked = false;     // in pauses, since nothing else would tell
       bool gone = false;      // ended for certain, status out of reach unless the pidfd has it
       bool unsettled = false; // to be watched anew
    };
+
+   static constexpr int longestPause = 1000;
 
    ChildWatch();
 
@@ -68,25 +72,32 @@ class ChildWatch final : public ChildEvents {
    void open(std::uint32_t at) noexcept;
    bool openPidfd(std::uint32_t at) noexcept;
    void askedIs(Place& place, bool asked) noexcept;
+   void unsettledIs(Place& place, bool unsettled) noexcept;
+   void goneIs(Place& place) noexcept;
+   static bool pipeIsLost(const ChildSiginfo& siginfo);
    Ended ask(Place& place, ProcessStatus& status) noexcept;
    void conclude(std::uint32_t at, Ended ended, const ProcessStatus& status);
    void drop(std::uint32_t at) noexcept;
    void closePidfd(Place& place) noexcept;
+   void askSoon() noexcept;
    void pauseIs(int ms) noexcept;
+   void startTimer() noexcept;
    void closeTimer() noexcept;
-   bool timerServes() noexcept;
+   bool timerServes() const noexcept;
 
    ActivityCore& core_;
    std::vector<Place> children_;      // unordered; each siginfo and pidfd knows its place
    std::uint32_t unwatchedCount_ = 0; // places without a siginfo
    std::uint32_t askedCount_ = 0;
-   bool unsettled_ = false;     // some place is, or may be
-   bool pidfdsRefused_ = false; // found out once
+   std::uint32_t unsettledCount_ = 0;
+   bool pipesForgotten_ = false; // of somebody who may have nothing else
+   bool pidfdsRefused_ = false;  // found out once
    // The pauses between askings: one timer for the manager; without it, by the clock.
    int timer_ = -1;
-   int pause_ = 0;             // milliseconds; 0: none is running
-   std::int64_t pauseEnd_ = 0; // in milliseconds of the monotonic clock
-   std::uint32_t cursor_ = 0;  // where the next round goes on
+   bool pausing_ = false;
+   std::int64_t pauseEnd_ = 0;     // in milliseconds of the monotonic clock
+   int roundPause_ = longestPause; // after the present round, in milliseconds
+   std::uint32_t cursor_ = 0;      // where the round goes on
 };
 
 } // namespace Vel

@@ -34,16 +34,16 @@ class DescriptorTable {
  public:
    DescriptorPlace* find(int descriptor) noexcept;
    DescriptorPlace& make(int descriptor); // throws bad_alloc, and changes nothing then
-   int end() const noexcept { return static_cast<int>(pages_.size() * pageSize); }
+   // One more than the highest number that there is a place for.
+   std::int64_t end() const noexcept { return static_cast<std::int64_t>(pages_.size()) * pageSize; }
 
    // For every place with an owner: visit(number, place).
    template <class Visit> void forEach(Visit&& visit) {
-      for (int descriptor = 0; descriptor < end(); ++descriptor) {
-         DescriptorPlace* const place = find(descriptor);
-         if (place == nullptr) {
-            descriptor |= pageSize - 1; // no page: on to the next one
-         } else if (place->owner != 0) {
-            visit(descriptor, *place);
+      for (std::size_t page = 0; page < pages_.size(); ++page) {
+         for (int at = 0; pages_[page] != nullptr && at < pageSize; ++at) {
+            if (pages_[page]->places[at].owner != 0) {
+               visit(static_cast<int>(page) * pageSize + at, pages_[page]->places[at]);
+            }
          }
       }
    }
