@@ -2,10 +2,8 @@
 // grandchildren, other code and the kernel do about it.
 #include "TrackerFixture.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <fstream>
 #include <poll.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
@@ -68,11 +66,7 @@ class ChildEnd : public TrackerTest, public testing::WithParamInterface<int> {
             refuse(SYS_pidfd_open, static_cast<unsigned>(GetParam()));
          }
          TrackerTest::SetUp();
-         try {
-            body();
-         } catch (const std::exception& thrown) {
-            ADD_FAILURE() << thrown.what();
-         }
+         body();
          TrackerTest::TearDown();
       });
       if (outcome == cannot) {
@@ -107,35 +101,15 @@ INSTANTIATE_TEST_SUITE_P(Pidfds, ChildEnd, testing::Values(0, ENOSYS), [](const 
    return std::string(way.param == 0 ? "Given" : "Refused");
 });
 
-double busySeconds() {
-   timespec now{};
-   ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
 // The loop has nothing to tell for a while, and sleeps meanwhile.
 void expectQuiet(int ms, std::uint64_t wakeups) {
    const auto before = manager()->wakeups();
-   const double busyBefore = busySeconds();
+   const std::clock_t busyBefore = std::clock();
    EXPECT_EQ(manager()->runOnce(ms), 0);
    const auto after = manager()->wakeups();
    EXPECT_LE(after.total - before.total, wakeups);
    EXPECT_EQ(after.empty - before.empty, after.total - before.total);
-   EXPECT_LT(busySeconds() - busyBefore, 0.05);
-}
-
-template <class Done> bool await(Done done) { // without the loop
-   for (int ms = 0; ms < 5000 && !done(); ++ms) {
-      ::usleep(1000);
-   }
-   return done();
-}
-
-char stateOf(int pid) {
-   std::string text;
-   std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), text);
-   const std::size_t name = text.rfind(')');
-   return name == std::string::npos ? '-' : text[name + 2];
+   EXPECT_LT(std::clock() - busyBefore, CLOCKS_PER_SEC / 20);
 }
 
 // The number that the next pipe's write end gets.
@@ -149,22 +123,47 @@ int nextWriteEnd() {
 
 // ---- how it ended ----
 
-TEST_P(ChildEnd, EveryStatusAndEverySignalIsExact) {
+TEST_P(ChildEnd, EveryStatusSignalAndCoreDumpIsExactAlthoughAllEndTogether) {
    inThisWay([this] {
       const std::set<int> harmless{SIGCHLD, SIGCONT, SIGURG,  SIGWINCH,
                                    SIGSTOP, SIGTSTP, SIGTTIN, SIGTTOU};
+      const rlimit noCore{0, 1 << 20};
+      ::setrlimit(RLIMIT_CORE, &noCore);
       std::vector<std::pair<Child, int>> children;
       for (int status = -SIGRTMAX; status < 256; ++status) {
          if (!harmless.contains(-status)) {
-            children.emplace_back(childOf(forkBody([status] { endWith(status); })), status);
+            const int pid = forkBody([status] {
+               const rlimit some{1 << 20, 1 << 20};
+               if (status == -SIGQUIT && ::chdir(testing::TempDir().c_str()) == 0) {
+                  ::setrlimit(RLIMIT_CORE, &some);
+                  ::prctl(PR_SET_DUMPABLE, 1);
+               }
+               endWith(status);
+            });
+            children.emplace_back(childOf(pid), status);
+         }
+      }
+      std::set<int> dumped;
+      for (const int pid : forked) {
+         siginfo_t info;
+         EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+         if (info.si_code == CLD_DUMPED) {
+            dumped.insert(pid);
+            ::unlink((testing::TempDir() + "core").c_str());
+            ::unlink((testing::TempDir() + "core." + std::to_string(pid)).c_str());
          }
       }
       std::size_t hooks = 0;
       tracker->hook = [&](const Child&) { ++hooks; };
-      EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
+      std::size_t deliveries = 0;
+      EXPECT_TRUE(runUntil([&] {
+         deliveries += static_cast<std::size_t>(manager()->runOnce(0));
+         return tracker->process().members() == 0;
+      }));
+      EXPECT_LE(deliveries, children.size());
       for (const auto& [child, value] : children) {
          expectEnd(child, value < 0 ? Siginfo::killed : Siginfo::exited, std::abs(value));
-         EXPECT_FALSE(child->siginfo()->coreDumped());
+         EXPECT_EQ(child->siginfo()->coreDumped(), dumped.contains(child->pid()));
       }
       EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
       EXPECT_EQ(tracker->errorTerminationCount(), children.size() - 1);
@@ -172,86 +171,13 @@ TEST_P(ChildEnd, EveryStatusAndEverySignalIsExact) {
    });
 }
 
-TEST_P(ChildEnd, ACoreDumpIsAKillWithItsMark) {
-   inThisWay([this] {
-      const int pid = forkBody([] {
-         const rlimit some{1 << 20, 1 << 20};
-         if (::chdir(testing::TempDir().c_str()) == 0 && ::setrlimit(RLIMIT_CORE, &some) == 0 &&
-             ::prctl(PR_SET_DUMPABLE, 1) == 0) {
-            endWith(-SIGQUIT);
-         }
-      });
-      siginfo_t info;
-      ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-      const Child child = childOf(pid);
-      expectEnd(child, Siginfo::killed, SIGQUIT);
-      EXPECT_EQ(child->siginfo()->coreDumped(), info.si_code == CLD_DUMPED);
-      for (const std::string& name : {std::string("core"), "core." + std::to_string(pid)}) {
-         ::unlink((testing::TempDir() + name).c_str());
-      }
-   });
-}
-
-TEST_P(ChildEnd, StoppingAndGoingOnIsNothing) {
-   inThisWay([this] {
-      const Gate gate;
-      const Child child = childAt(gate, 3);
-      for (const int signal : {SIGSTOP, SIGCONT}) {
-         EXPECT_TRUE(child->siginfo()->signal(signal));
-         EXPECT_TRUE(await([&] { return (stateOf(child->pid()) == 'T') == (signal == SIGSTOP); }));
-         expectQuiet(20, 3);
-      }
-      gate.open();
-      expectEnd(child, Siginfo::exited, 3);
-   });
-}
-
 // ---- what the child does to its pipe ----
 
-TEST_P(ChildEnd, AGrandchildThatHoldsThePipeDelaysItLittle) {
+// It closes it (0) or writes that much, through a record, whose pipe doesn't block, and a pipe of
+// the caller's that does.
+TEST_P(ChildEnd, NeitherBytesNorClosingNorAStopIsAnEnd) {
    inThisWay([this] {
-      const Gate gate;
-      const int pid = forkBody([&] {
-         if (::fork() == 0) {
-            ::alarm(30);
-            gate.pass();
-            ::_exit(0);
-         }
-         ::_exit(5);
-      });
-      const Child child = childOf(pid);
-      awaitZombie(pid);
-      const auto start = std::chrono::steady_clock::now();
-      expectEnd(child, Siginfo::exited, 5);
-      const auto took = std::chrono::steady_clock::now() - start;
-      EXPECT_LT(took, std::chrono::milliseconds(refused() ? 1500 : 300));
-      gate.open();
-   });
-}
-
-TEST_P(ChildEnd, AClosedPipeIsNoEnd) {
-   inThisWay([this] {
-      const Gate gate;
-      const int writeEnd = nextWriteEnd();
-      const int pid = forkBody([&] {
-         ::close(writeEnd);
-         gate.pass();
-         ::_exit(6);
-      });
-      const Child child = childOf(pid);
-      pollfd pipe{child->siginfo()->childPipe()->descriptor(), POLLIN, 0};
-      ASSERT_EQ(::poll(&pipe, 1, 5000), 1);
-      expectQuiet(300, 8);
-      EXPECT_EQ(child->siginfo()->signalCode(), Siginfo::none);
-      gate.open();
-      expectEnd(child, Siginfo::exited, 6);
-   });
-}
-
-// Through a record, whose pipe doesn't block, and a pipe of the caller's that does.
-TEST_P(ChildEnd, BytesInThePipeAreDroppedAndNoEnd) {
-   inThisWay([this] {
-      for (const std::size_t size : {1U, 16U << 10, 64U << 10, 1U << 20}) {
+      for (const std::size_t size : {0U, 1U, 16U << 10, 64U << 10, 1U << 20}) {
          for (const bool bare : {false, true}) {
             const Gate gate;
             const Gate written;
@@ -265,6 +191,7 @@ TEST_P(ChildEnd, BytesInThePipeAreDroppedAndNoEnd) {
                   }
                   at += static_cast<std::size_t>(sent);
                }
+               size == 0 ? ::close(writeEnd) : 0;
                written.open();
                gate.pass();
                ::_exit(4);
@@ -276,7 +203,16 @@ TEST_P(ChildEnd, BytesInThePipeAreDroppedAndNoEnd) {
             const auto before = manager()->wakeups();
             EXPECT_TRUE(runUntil([&] { return ::poll(&all, 1, 0) == 1; }));
             EXPECT_LE(manager()->wakeups().total - before.total, 8 + 4 * (size >> 12)) << size;
-            expectQuiet(20, 20);
+            EXPECT_FALSE(Vel::newEntity<Siginfo>("unwatched", pid)->signal(SIGKILL));
+            EXPECT_THROW(child->siginfo()->signal(1000), Vel::SystemException);
+            for (const int signal : {SIGSTOP, SIGCONT}) {
+               siginfo_t info;
+               EXPECT_TRUE(child->siginfo()->signal(signal));
+               EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info,
+                                  WNOWAIT | (signal == SIGSTOP ? WSTOPPED : WCONTINUED)),
+                         0);
+               size == 0 ? expectQuiet(300, 8) : expectQuiet(20, 20);
+            }
             EXPECT_EQ(child->siginfo()->signalCode(), Siginfo::none);
             gate.open();
             expectEnd(child, Siginfo::exited, 4);
@@ -299,13 +235,15 @@ TEST_P(ChildEnd, ATracerHoldsTheEndUntilItLetsGo) {
          runAndExit([&] {
             const bool could = ::ptrace(PTRACE_SEIZE, pid, nullptr, nullptr) == 0;
             seized.open();
+            awaitZombie(pid);
+            seized.open();
             holding.pass();
             ::_exit(could ? 0 : cannot);
          });
       }
       seized.pass();
       gate.open();
-      EXPECT_TRUE(await([&] { return stateOf(pid) == 'Z'; }));
+      seized.pass();
       expectQuiet(300, 8);
       holding.open();
       int status = -1;
@@ -316,39 +254,25 @@ TEST_P(ChildEnd, ATracerHoldsTheEndUntilItLetsGo) {
 }
 
 TEST_P(ChildEnd, WhenOtherCodeTookTheStatusItIsRecoveredOrLostButNeverInvented) {
-   struct {
-      const char* what;
-      void (*before)();
-      void (*after)(int pid);
-   } const takers[] = {
-      {"waitpid", [] {}, [](int pid) { EXPECT_EQ(::waitpid(pid, nullptr, 0), pid); }},
-      {"ignored", [] { ::signal(SIGCHLD, SIG_IGN); }, [](int) {}},
-      {"no wait",
-       [] {
-          struct sigaction action {};
-          action.sa_handler = [](int) {};
-          action.sa_flags = SA_NOCLDWAIT;
-          ::sigaction(SIGCHLD, &action, nullptr);
-       },
-       [](int) {}},
-   };
    utsname kernel{};
    ::uname(&kernel);
    int version[2] = {0, 0};
    std::sscanf(kernel.release, "%d.%d", &version[0], &version[1]);
    const bool recovers = !refused() && std::pair(version[0], version[1]) >= std::pair(6, 15);
-   for (const auto& taker : takers) {
+   for (const auto& taker : {std::pair(SIG_DFL, 0), {SIG_IGN, 0}, {SIG_DFL, SA_NOCLDWAIT}}) {
       inThisWay([&] {
-         SCOPED_TRACE(taker.what);
-         taker.before();
+         struct sigaction action {};
+         action.sa_handler = taker.first;
+         action.sa_flags = taker.second;
+         ::sigaction(SIGCHLD, &action, nullptr);
          const Gate gate;
          std::vector<Child> children;
          for (const int status : {0, 7, -SIGKILL}) {
             children.push_back(childAt(gate, status));
             gate.open();
             const int pid = children.back()->pid();
-            taker.after(pid);
-            EXPECT_TRUE(await([pid] { return ::kill(pid, 0) != 0; }));
+            while (::waitpid(pid, nullptr, 0) == pid || ::kill(pid, 0) == 0) {
+            }
             EXPECT_FALSE(children.back()->siginfo()->signal(SIGTERM));
             if (recovers) {
                expectEnd(children.back(), status < 0 ? Siginfo::killed : Siginfo::exited,
@@ -366,12 +290,8 @@ TEST_P(ChildEnd, WhenOtherCodeTookTheStatusItIsRecoveredOrLostButNeverInvented) 
 
 TEST_P(ChildEnd, AnUnknownChildIsLeftToWhoeverForkedIt) {
    inThisWay([this] {
-      EXPECT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
       const int unknown = ::fork();
       if (unknown == 0) {
-         if (::fork() == 0) {
-            ::_exit(8); // an orphan, soon
-         }
          ::_exit(9);
       }
       awaitZombie(unknown);
@@ -381,8 +301,6 @@ TEST_P(ChildEnd, AnUnknownChildIsLeftToWhoeverForkedIt) {
       int status = -1;
       EXPECT_EQ(::waitpid(unknown, &status, 0), unknown);
       EXPECT_EQ(WEXITSTATUS(status), 9);
-      EXPECT_GT(::waitpid(-1, &status, 0), 0);
-      EXPECT_EQ(WEXITSTATUS(status), 8);
    });
 }
 
@@ -435,35 +353,6 @@ TEST_F(TrackerTest, WhateverThePidfdsAreRefusedForTheEndIsKnown) {
    }
 }
 
-TEST_P(ChildEnd, AThousandMayEndTogether) {
-   inThisWay([this] {
-      rlimit limit{};
-      ::getrlimit(RLIMIT_NOFILE, &limit);
-      limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
-      ::setrlimit(RLIMIT_NOFILE, &limit);
-      const std::size_t children = std::min<std::size_t>(1000, limit.rlim_cur / 3);
-      const Gate gate;
-      std::size_t hooks = 0;
-      tracker->hook = [&](const Child&) { ++hooks; };
-      for (std::size_t at = 0; at < children; ++at) {
-         childAt(gate, at % 2 != 0);
-      }
-      gate.open(children);
-      for (const int pid : forked) {
-         awaitZombie(pid);
-      }
-      int deliveries = 0;
-      EXPECT_TRUE(runUntil([&] {
-         deliveries += manager()->runOnce(0);
-         return tracker->process().members() == 0;
-      }));
-      EXPECT_LE(static_cast<std::size_t>(deliveries), children);
-      EXPECT_EQ(hooks, children);
-      EXPECT_EQ(tracker->successfulTerminationCount(), children / 2);
-      EXPECT_EQ(tracker->errorTerminationCount(), children / 2);
-   });
-}
-
 TEST_P(ChildEnd, TwentyHooksThatThrowAreTwentyExceptionsInTwentyCalls) {
    for (const bool pipeHeld : {false, true}) {
       inThisWay([&] {
@@ -492,7 +381,8 @@ TEST_P(ChildEnd, TwentyHooksThatThrowAreTwentyExceptionsInTwentyCalls) {
             }
          }
          EXPECT_EQ(told.size(), 20U);
-         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+         EXPECT_LT(std::chrono::steady_clock::now() - start,
+                   std::chrono::milliseconds(pipeHeld && refused() ? 2000 : 500));
          EXPECT_EQ(tracker->successfulTerminationCount(), 20U);
          EXPECT_EQ(tracker->process().members(), 20U);
          gate.open(20);
@@ -595,19 +485,6 @@ TEST_P(ChildEnd, AStrangersEndIsThatOfItsPipe) {
          EXPECT_EQ(tracker->process(pid), nullptr);
       }
       EXPECT_EQ(::close(file), 0);
-   });
-}
-
-TEST_P(ChildEnd, ASignalReachesOurRunningChildOnly) {
-   inThisWay([this] {
-      const Gate gate;
-      const Child child = childAt(gate, 0);
-      const Ptr<Siginfo> info = child->siginfo();
-      EXPECT_FALSE(Vel::newEntity<Siginfo>("unwatched", child->pid())->signal(SIGKILL));
-      EXPECT_TRUE(info->signal(0));
-      EXPECT_THROW(info->signal(1000), Vel::SystemException);
-      EXPECT_TRUE(info->signal(SIGTERM));
-      expectEnd(child, Siginfo::killed, SIGTERM);
    });
 }
 
