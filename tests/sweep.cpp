@@ -154,7 +154,7 @@ long syscall(long number, ...) noexcept {
 }
 }
 
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
    if (failsNow(allocations)) {
       throw std::bad_alloc();
    }
@@ -164,11 +164,13 @@ void* operator new(std::size_t size) {
    }
    throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
    balance -= memory != nullptr;
    std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+   operator delete(memory);
+}
 
 namespace {
 
