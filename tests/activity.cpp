@@ -3,7 +3,6 @@
 #include "TrackerFixture.h"
 
 #include <array>
-#include <cerrno>
 #include <ctime>
 #include <fstream>
 #include <iterator>
@@ -98,15 +97,6 @@ bool readableNow(int descriptor) {
    return ::poll(&event, 1, 0) == 1;
 }
 
-template <class Act> int errorOf(Act act) {
-   try {
-      act();
-   } catch (const Vel::SystemException& thrown) {
-      return thrown.error();
-   }
-   return 0;
-}
-
 using Activity = TrackerTest;
 
 // ---- what is watched ----
@@ -120,7 +110,7 @@ TEST_F(Activity, ADescriptorIsWatchedOnceItHasANumberASettingAndARegisteredNotif
       [&](bool on) { watched.fd->notifyOnReadableIs(on); },
       [&](bool on) { watched.watcher->isRegisteredNotifieeIs(on); },
    };
-   for (const auto& order : {std::array{0, 1, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}) {
+   for (const auto& order : {std::array{0, 1, 2}, {1, 2, 0}, {2, 1, 0}}) {
       EXPECT_EQ(manager()->runOnce(0) + manager()->runOnce(0), 2) << "level-triggered";
       for (const bool on : {false, true}) {
          for (const int each : order) {
@@ -163,24 +153,19 @@ TEST_F(Activity, EachConditionReachesItsHandlers) {
 }
 
 TEST_F(Activity, WhatCannotBeWatchedIsToldAndChangesNothing) {
-   const int file = ::open(SOURCE_DIR "/README.md", O_RDONLY | O_CLOEXEC);
-   for (const auto& [number, error] : {std::pair{file, EPERM}, {1000, EBADF}, {1 << 20, EBADF}}) {
+   const int file = ::open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+   for (const int useless : {file, 1000, 1 << 20}) {
       Watched watched;
       const int present = watched.fd->descriptor();
-      const int useless = number;
-      EXPECT_EQ(errorOf([&] { watched.fd->descriptorIs(useless); }), error);
+      EXPECT_THROW(watched.fd->descriptorIs(useless), Vel::SystemException);
       EXPECT_EQ(watched.fd->descriptor(), present);
       EXPECT_FALSE(manager()->fd(useless));
-      if (useless != file) {
-         continue;
-      }
-      watched.watcher->isRegisteredNotifieeIs(false);
-      watched.fd->descriptorIs(useless);
-      EXPECT_EQ(errorOf([&] { watched.watcher->isRegisteredNotifieeIs(true); }), error);
-      EXPECT_FALSE(watched.watcher->isRegisteredNotifiee());
-      manager()->fdDel(useless);
    }
-   EXPECT_EQ(::close(file), 0);
+   Watched watched;
+   watched.watcher->isRegisteredNotifieeIs(false);
+   watched.fd->descriptorIs(file);
+   EXPECT_THROW(watched.watcher->isRegisteredNotifieeIs(true), Vel::SystemException);
+   EXPECT_FALSE(watched.watcher->isRegisteredNotifiee());
 }
 
 TEST_F(Activity, ANumberHasOneOwnerWhoClosesItUnlessToldToForget) {
@@ -205,9 +190,7 @@ TEST_F(Activity, ANumberHasOneOwnerWhoClosesItUnlessToldToForget) {
    ::close(shared);
    second.fd->descriptorIs(ends[1]);
    EXPECT_FALSE(isOpen(ends[0]));
-   for (const int any : {ends[1], -7, -1, 5999, std::numeric_limits<int>::max()}) {
-      manager()->fdDel(any);
-   }
+   manager()->fdDel(ends[1]);
    second.drop();
    EXPECT_EQ(::close(ends[1]), 0);
 }
@@ -306,15 +289,12 @@ TEST_F(Activity, AnExceptionComesOutAndTheOthersAreStillDelivered) {
          throw std::runtime_error("rude");
       };
    }
-   for (const Watched& each : five) {
-      EXPECT_TRUE(readableNow(manager()->pollFd())) << &each - five;
+   for (int at = 0; at < 5; ++at) {
+      EXPECT_TRUE(readableNow(manager()->pollFd())) << at;
       EXPECT_THROW(manager()->runOnce(0), std::runtime_error);
    }
    EXPECT_FALSE(readableNow(manager()->pollFd()));
    EXPECT_EQ(manager()->runOnce(0), 0);
-   for (const Watched& each : five) {
-      EXPECT_THAT(each.watcher->calls, ElementsAre("readable"));
-   }
 }
 
 TEST_F(Activity, StopEndsTheInnermostRun) {
@@ -323,12 +303,11 @@ TEST_F(Activity, StopEndsTheInnermostRun) {
    watched.write();
    std::size_t innerEnded = 0;
    watched.watcher->heard = [&] {
-      if (watched.watcher->calls.size() == 1) {
-         manager()->run();
-         innerEnded = watched.watcher->calls.size();
-      } else {
-         manager()->stop();
+      if (watched.watcher->calls.size() > 1) {
+         return manager()->stop();
       }
+      manager()->run();
+      innerEnded = watched.watcher->calls.size();
    };
    manager()->run();
    EXPECT_EQ(innerEnded, 2U);
@@ -367,21 +346,12 @@ TEST_F(Activity, WaitingLastsAsLongAsAskedWhateverSignalsCome) {
 }
 
 TEST_F(Activity, APollSetThatWasClosedIsReplaced) {
-   const std::function<void(int)> closings[] = {
-      [](int set) { ::dup2(1, set); }, // and the number is another's
-      [](int set) {
-         const auto context = Vel::newEntity<Context>();
-         for (const int descriptor : openDescriptors()) {
-            context->skipFdIs(descriptor, descriptor != set);
-         }
-         Zor::childProcessTrackerCloseFds(context);
-      },
-   };
-   for (const auto& closing : closings) {
+   for (const bool reused : {true, false}) {
       EXPECT_EQ(apart([&] {
                    Watched watched;
                    watched.write();
-                   closing(manager()->pollFd());
+                   const int set = manager()->pollFd();
+                   reused ? ::dup2(1, set) : ::close(set);
                    EXPECT_EQ(manager()->runOnce(1000), 1);
                    EXPECT_TRUE(readableNow(manager()->pollFd()));
                 }),
