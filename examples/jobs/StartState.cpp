@@ -53,17 +53,16 @@ StartState::StartState(bool showsStatus) {
    ::sigemptyset(&interrupting_);
    ::sigaddset(&interrupting_, SIGTERM);
    // Also when it is ignored, as a script's shell has it for background programs: unlike a hangup,
-   // which is ignored to outlive the terminal, somebody sent it to stop us.
+   // which is ignored to outlive the terminal, somebody sent it to stop us. A blocked signal can be
+   // read although it is ignored.
    ::sigaddset(&interrupting_, SIGINT);
    if (!ignored(SIGHUP)) {
       ::sigaddset(&interrupting_, SIGHUP);
    }
    ::sigprocmask(SIG_BLOCK, &interrupting_, &mask_);
-   ::sigaction(SIGUSR1, nullptr, &status_);
    if (showsStatus) {
       ::sigaddset(&askingForStatus_, SIGUSR1);
       ::sigprocmask(SIG_BLOCK, &askingForStatus_, nullptr);
-      exchanged(SIGUSR1, SIG_DFL); // an ignored one would never be read
    }
    pipe_ = exchanged(SIGPIPE, SIG_IGN);
    child_ = exchanged(SIGCHLD, SIG_DFL);
@@ -74,7 +73,6 @@ int StartState::passedOn(int signal) const noexcept { return ignored(signal) ? S
 void StartState::restore() const noexcept {
    ::sigaction(SIGPIPE, &pipe_, nullptr);
    ::sigaction(SIGCHLD, &child_, nullptr);
-   ::sigaction(SIGUSR1, &status_, nullptr);
    ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
 }
 

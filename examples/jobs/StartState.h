@@ -32,7 +32,6 @@ class StartState {
    sigset_t askingForStatus_{};
    struct sigaction pipe_ {};
    struct sigaction child_ {};
-   struct sigaction status_ {};
 };
 
 } // namespace jobs
