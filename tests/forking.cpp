@@ -300,22 +300,6 @@ TEST_F(Forking, AChildThatDropsItsCopyAndExitsHarmsNobody) {
    EXPECT_TRUE(runUntil([&] { return tracker->errorTerminationCount() == 1; }));
 }
 
-TEST_F(Forking, SiblingsAreNotTheChilds) {
-   int hooks = 0;
-   tracker->hook = [&](const Child&) { ++hooks; };
-   awaitZombie(forkBody([] { ::_exit(3); }));
-   forkBody([&] {
-      for (int round = 0; round < 3; ++round) {
-         EXPECT_EQ(manager()->runOnce(10), 0);
-      }
-      EXPECT_EQ(hooks, 0);
-      EXPECT_EQ(tracker->errorTerminationCount(), 0U);
-      EXPECT_FALSE(tracker->process(forked[0])->siginfo()->signal(0));
-   });
-   EXPECT_TRUE(runUntil([&] { return hooks == 2; }));
-   EXPECT_EQ(tracker->successfulTerminationCount(), 1U);
-}
-
 TEST_F(Forking, AChildMayComeOutOfTheHookThatForkedIt) {
    int hooks = 0;
    int forkedInHook = -1;
