@@ -214,10 +214,6 @@ TEST_F(GenericRandom, EveryOperationEndsInADefinedResult) {
          ++outcomes[outcome([] { manager()->runOnce(0); })];
       }
    }
-   for (const auto& [name, count] : outcomes) {
-      std::cout << name << ' ' << count << '\n';
-   }
-   std::cout << "children made " << Zor::ChildProcess::velAllocTrackTypeInfo_->totalCount() << '\n';
    EXPECT_GE(outcomes.size(), 6U);
    handles.clear();
    pipes.takeAllBack();
