@@ -243,6 +243,7 @@ TEST_F(Tracking, EachEndIsTracedBookedHookedAndForgottenInThisOrder) {
 
 TEST_F(Tracking, AnUnknownNumberIsTracedAndWithTracingOffNothingIsComposed) {
    Calls calls;
+   tracker->handleTerminatedChildProcess(-4); // makes the trace handle, which is then there
    newsLeft = 0;
    tracker->handleTerminatedChildProcess(-4);
    newsLeft = std::numeric_limits<int>::max();
