@@ -188,6 +188,16 @@ TEST_F(GenericAccess, IteratesWhileElementsGo) {
    }
 }
 
+TEST_F(GenericAccess, StartsAtAKeyOrNowhere) {
+   for (const int pid : {100, 101, 102}) {
+      record(pid);
+   }
+   for (const char* const collection : {"process", "childProcess"}) {
+      EXPECT_EQ((*sm->iterate(collection, 101).begin()).first->intValue(), 101);
+      EXPECT_TRUE(sm->iterate(collection, 99).begin() == GenericIf::Elements::End());
+   }
+}
+
 TEST_F(GenericAccess, WatchesWeaklyUntilEitherSideGoes) {
    int changes = 0;
    const auto count = [&changes] { ++changes; };
