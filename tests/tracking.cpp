@@ -3,7 +3,6 @@
 
 #include <Vel/String8.h>
 
-#include <array>
 #include <cstring>
 #include <malloc.h>
 #include <sstream>
