@@ -84,8 +84,9 @@ TEST_F(Forking, WithoutAPipeOrAProcessNothingIsLeftBehind) {
       {[] { refuse(SYS_clone, EAGAIN); }, EAGAIN},
       {[] { refuse(SYS_clone, ENOMEM); }, ENOMEM},
    };
-   for (const auto& [prepare, expected] : rows) {
-      const int status = apart([&] {
+   for (const auto& row : rows) {
+      const int status = apart([&row, this] {
+         const auto& [prepare, expected] = row;
          forkBody([] {}); // once before: a sanitizer opens descriptors for what it first sees
          EXPECT_TRUE(runUntil([&] { return tracker->process().members() == 0; }));
          const auto before = openDescriptors();
