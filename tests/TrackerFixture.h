@@ -1,6 +1,6 @@
 // What the tests that fork share: a tracker that can be told to misbehave, children that never run
-// on into the tests, and a fixture that expects to find everything as it was. For one source file
-// of a program only, since it replaces operator new.
+// on into the tests, and a world that expects to be left as it was found. For one source file of a
+// program only, since it replaces operator new and close.
 #pragma once
 
 #include <Zor/ChildProcessTracker.h>
@@ -11,11 +11,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <functional>
 #include <limits>
@@ -26,12 +28,16 @@
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 inline int newsLeft = std::numeric_limits<int>::max(); // allocations until there is no memory
+inline int badCloses = 0;                              // of numbers that were nobody's
+inline int closeSays = 0;                              // the error, although it has closed
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
    void* const memory = newsLeft-- > 0 ? std::malloc(size) : nullptr;
@@ -40,14 +46,19 @@ inline int newsLeft = std::numeric_limits<int>::max(); // allocations until ther
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
+extern "C" int close(int descriptor) {
+   const auto result = static_cast<int>(::syscall(SYS_close, descriptor));
+   badCloses += result != 0 && errno == EBADF;
+   errno = closeSays != 0 ? closeSays : errno;
+   return closeSays != 0 ? -1 : result;
+}
+
 using Sm = Zor::ChildProcessTrackerSm;
 using Reactor = Sm::VelChildProcess;
 using Context = Zor::ChildProcessTrackerCloseFdsContext;
 using Siginfo = Vel::ChildSiginfo;
 using Child = Vel::Ptr<Zor::ChildProcess const>;
 using Calls = std::vector<std::string>;
-
-inline constexpr int cannot = 77; // what the test needs is not to be had here
 
 // Memory that a child's findings come back in.
 template <class T> class Shared {
@@ -59,25 +70,58 @@ template <class T> class Shared {
    Shared& operator=(const Shared&) = delete;
    ~Shared() { ::munmap(found_, sizeof(T)); }
    T& operator*() const { return *found_; }
+   T* operator->() const { return found_; }
 
  private:
    T* found_;
 };
 
-// From here on the system call fails like that in this process.
-inline void refuse(unsigned number, unsigned error) {
+// ---- what this system may not allow ----
+
+inline constexpr int cannot = 77;
+
+inline const Shared<const char*>& unavailableReason() {
+   static const Shared<const char*> reason;
+   return reason;
+}
+
+// Ends this process: what the case needs is not to be had here.
+[[noreturn]] inline void unavailable(const char* what) {
+   *unavailableReason() = what;
+   ::_exit(cannot);
+}
+
+// From here on the system call fails like that in this process; with an argument (counted from 0)
+// of that value only, unless it is negative.
+inline void refuse(unsigned number, unsigned error, int argument = -1, unsigned value = 0) {
+   const auto word = static_cast<unsigned>(offsetof(seccomp_data, args)) +
+                     8 * static_cast<unsigned>(argument < 0 ? 0 : argument);
+   const std::uint8_t otherwise = argument < 0 ? 0 : 1;
    sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, word),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, otherwise),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
    };
-   const sock_fprog program{4, filter};
+   const sock_fprog program{6, filter};
    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-      ::_exit(cannot);
+      unavailable("no seccomp filters");
    }
 }
+
+inline void descriptorLimitIs(rlim_t limit) {
+   rlimit present{};
+   ::getrlimit(RLIMIT_NOFILE, &present);
+   present.rlim_cur = limit;
+   if (::setrlimit(RLIMIT_NOFILE, &present) != 0) {
+      unavailable("the limit of open descriptors can't be set");
+   }
+}
+
+// ---- the loop ----
 
 inline Vel::Ptr<Vel::ActivityManagerSm> manager() {
    return Vel::ActivityImplFacility::activityManagerSm();
@@ -91,16 +135,133 @@ template <class Done> bool runUntil(Done done) {
    return done();
 }
 
-// Notes every virtual call and does in it what the test wants.
+// The loop has nothing to tell for a while, and sleeps meanwhile.
+inline void expectQuiet(int ms, std::uint64_t wakeups) {
+   const auto before = manager()->wakeups();
+   const std::clock_t busyBefore = std::clock();
+   EXPECT_EQ(manager()->runOnce(ms), 0);
+   const auto after = manager()->wakeups();
+   EXPECT_LE(after.total - before.total, wakeups);
+   EXPECT_EQ(after.empty - before.empty, after.total - before.total);
+   EXPECT_LT(std::clock() - busyBefore, CLOCKS_PER_SEC / 20);
+}
+
+// ---- processes and descriptors ----
+
+inline std::set<int> openDescriptors() {
+   std::set<int> open;
+   for (int descriptor = 0; descriptor < 6000; ++descriptor) {
+      if (::fcntl(descriptor, F_GETFD) >= 0) {
+         open.insert(descriptor);
+      }
+   }
+   return open;
+}
+
+// The numbers that the ends of the next pipe get.
+struct NextPipe {
+   NextPipe() : read(::dup(1)), write(::dup(1)) {
+      ::close(read);
+      ::close(write);
+   }
+   int read;
+   int write;
+};
+
+inline bool hasChildren() {
+   siginfo_t info;
+   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+inline void awaitZombie(int pid) {
+   siginfo_t info;
+   EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+}
+
+// Ends a forked process with what its expectations came to, and 99 for an exception.
+[[noreturn]] inline void runAndExit(const std::function<void()>& body) {
+   int status = 99;
+   ::alarm(60); // whoever forked it may be gone
+   try {
+      body();
+      status = testing::Test::HasFailure() ? 1 : 0;
+   } catch (const std::exception& thrown) {
+      std::printf("thrown: %s\n", thrown.what());
+   }
+   std::fflush(stdout);
+   ::_exit(status);
+}
+
+// Runs the body in a process of its own, for what can't be undone: 0 when its expectations held.
+inline int apart(const std::function<void()>& body) {
+   std::fflush(stdout);
+   const pid_t pid = ::fork();
+   if (pid == 0) {
+      runAndExit(body);
+   }
+   int status = -1;
+   EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// A child's way out: with an exit status, or killed by the signal for a negative one.
+[[noreturn]] inline void endWith(int status) {
+   ::signal(-status, SIG_DFL);
+   sigset_t all;
+   ::sigfillset(&all);
+   ::sigprocmask(SIG_UNBLOCK, &all, nullptr);
+   if (status < 0) {
+      ::syscall(SYS_tgkill, ::getpid(), ::getpid(), -status);
+   }
+   ::_exit(status);
+}
+
+// Children wait at it until they are let through, one for each opening.
+class Gate {
+ public:
+   Gate() { EXPECT_EQ(::pipe(ends_), 0); }
+   Gate(const Gate&) = delete;
+   Gate& operator=(const Gate&) = delete;
+   ~Gate() {
+      ::close(ends_[0]);
+      ::close(ends_[1]);
+   }
+   int descriptor() const { return ends_[0]; }
+   void open(std::size_t children = 1) const {
+      const std::string bytes(children, 'x');
+      EXPECT_EQ(::write(ends_[1], bytes.data(), children), static_cast<ssize_t>(children));
+   }
+   void pass() const {
+      char byte = 0;
+      if (::read(ends_[0], &byte, 1) != 1) {
+         ::_exit(97);
+      }
+   }
+
+ private:
+   int ends_[2] = {-1, -1};
+};
+
+inline Vel::Ptr<Context> keeping(const std::set<int>& kept) {
+   const auto context = Vel::newEntity<Context>();
+   for (const int descriptor : kept) {
+      context->skipFdIs(descriptor, true);
+   }
+   return context;
+}
+
+// ---- the tracker ----
+
+// Notes the calls of its virtual operations and does in them what the test wants.
 class RudeTracker : public Sm {
  public:
    std::function<void(const Child&)> hook;
-   std::function<void(const Child&)> childProcessIsStarts;
-   std::function<void(int)> processIsStarts;
-   std::function<void(const std::string&)> called;
+   std::function<void(const std::string&)> called; // at the start of each, with its name
    Calls* calls = nullptr;
+   unsigned told = 0; // ends
 
    void forkedChildExitCallback(const Child& child) override {
+      ++told;
       noted("hook", child->pid());
       if (hook) {
          hook(child);
@@ -113,11 +274,7 @@ class RudeTracker : public Sm {
       return noted("processDel at", at ? at->pid() : 0).Sm::processDel(at);
    }
    Vel::Ptr<Zor::ChildProcess> processIs(int pid, Vel::String8 name, int readEnd) override {
-      noted("processIs", pid);
-      if (processIsStarts) {
-         processIsStarts(pid);
-      }
-      return Sm::processIs(pid, name, readEnd);
+      return noted("processIs", pid).Sm::processIs(pid, name, readEnd);
    }
    Child childProcessDel(int pid) override {
       return noted("childProcessDel", pid).Sm::childProcessDel(pid);
@@ -126,14 +283,10 @@ class RudeTracker : public Sm {
       return noted("childProcessDel at", at ? at->fwkKey() : 0).Sm::childProcessDel(at);
    }
    void childProcessIs(const Child& child) override {
-      noted("childProcessIs", child ? child->pid() : 0);
-      if (childProcessIsStarts) {
-         childProcessIsStarts(child);
-      }
-      Sm::childProcessIs(child);
+      noted("childProcessIs", child->pid()).Sm::childProcessIs(child);
    }
    void lastFailedProcessIs(const Child& child) override {
-      noted("lastFailed", child ? child->pid() : 0).Sm::lastFailedProcessIs(child);
+      noted("lastFailed", child->pid()).Sm::lastFailedProcessIs(child);
    }
    void lastFailedProcessTerminationErrorIs(terminationError error) override {
       noted("error", error).Sm::lastFailedProcessTerminationErrorIs(error);
@@ -143,6 +296,10 @@ class RudeTracker : public Sm {
    }
    void errorTerminationCountInc(unsigned n) override {
       noted("errors", n).Sm::errorTerminationCountInc(n);
+   }
+   unsigned left() const { return process().members(); }
+   unsigned outcomes() const { // both counts, readable as one number
+      return successfulTerminationCount() * 100 + errorTerminationCount();
    }
 
  private:
@@ -157,71 +314,44 @@ class RudeTracker : public Sm {
    }
 };
 
-inline std::set<int> openDescriptors() {
-   std::set<int> open;
-   for (int descriptor = 0; descriptor < 6000; ++descriptor) {
-      if (::fcntl(descriptor, F_GETFD) >= 0) {
-         open.insert(descriptor);
-      }
-   }
-   return open;
+// Sets the child's record as if the loop had learned of its end.
+inline void endIs(const Zor::ChildProcess& child, Siginfo::SignalCode code,
+                  std::uint8_t value = 0) {
+   const Vel::Ptr<Siginfo> siginfo = child.siginfo();
+   code == Siginfo::killed ? siginfo->exitSignalIs(value) : siginfo->exitStatusIs(value);
+   siginfo->signalCodeIs(code);
 }
 
-inline bool hasChildren() {
-   siginfo_t info;
-   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+// Waits for the loop to record the child's end.
+inline void expectEnd(const Child& child, Siginfo::SignalCode code, int value,
+                      Siginfo::Provenance provenance = Siginfo::reaped) {
+   const Vel::Ptr<Siginfo> info = child->siginfo();
+   EXPECT_TRUE(runUntil([&] { return info->signalCode() != Siginfo::none; }));
+   EXPECT_EQ(info->signalCode(), code);
+   EXPECT_EQ(info->exitStatus(), code == Siginfo::exited ? value : 0);
+   EXPECT_EQ(info->exitSignal(), code == Siginfo::killed ? value : 0);
+   EXPECT_EQ(info->provenance(), provenance);
+   EXPECT_EQ(info->childPipe()->descriptor(), -1);
+   EXPECT_FALSE(info->signal(0));
 }
 
-inline void awaitZombie(int pid) {
-   siginfo_t info;
-   ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-}
-
-// Ends a forked process with what its expectations came to, and 99 for an exception.
-[[noreturn]] inline void runAndExit(const std::function<void()>& body) {
-   int status = 99;
-   ::alarm(30); // whoever forked it may be gone
-   try {
-      body();
-      status = testing::Test::HasFailure() ? 1 : 0;
-   } catch (...) {
-   }
-   std::fflush(stdout);
-   ::_exit(status);
-}
-
-// Runs the body in a process of its own, for what can't be undone. True when its expectations
-// held; 77 is its way to say that this system doesn't allow what it needs.
-inline int apart(const std::function<void()>& body) {
-   std::fflush(stdout);
-   const pid_t pid = ::fork();
-   if (pid == 0) {
-      runAndExit(body);
-   }
-   int status = -1;
-   EXPECT_EQ(::waitpid(pid, &status, 0), pid);
-   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-class TrackerTest : public testing::Test {
- protected:
-   void SetUp() override {
+// A tracker and its children. Its end, also after a failed assertion, leaves no child, and expects
+// objects and descriptors as they were, and a later child to be accounted for as ever.
+class World {
+ public:
+   World() {
       Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 8, false);
       manager()->pollFd();
       tallies_ = tallies();
       open_ = openDescriptors();
       tracker = Zor::newTracker<RudeTracker>();
    }
-
-   // Also after a failed assertion: no child is left, and everything is as it was.
-   void TearDown() override {
+   World(const World&) = delete;
+   World& operator=(const World&) = delete;
+   ~World() {
       newsLeft = std::numeric_limits<int>::max();
       Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 8, false);
       Vel::TraceFacility::sinkIs({});
-      tracker = nullptr;
-      for (const int descriptor : writeEnds_) {
-         ::close(descriptor);
-      }
       siginfo_t info;
       for (const int pid : forked) {
          if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
@@ -229,7 +359,13 @@ class TrackerTest : public testing::Test {
          }
       }
       EXPECT_TRUE(runUntil([] { return !hasChildren(); })) << "a child that nobody reaps";
-      while (::waitpid(-1, nullptr, 0) > 0) {
+      tracker = Zor::newTracker<RudeTracker>();
+      expectEnd(childOf(start([] { ::_exit(3); })), Siginfo::exited, 3);
+      EXPECT_EQ(tracker->outcomes(), 1U);
+      tracker = nullptr;
+      EXPECT_EQ(badCloses, 0);
+      for (const int descriptor : writeEnds_) {
+         ::close(descriptor);
       }
       EXPECT_EQ(tallies(), tallies_);
       EXPECT_EQ(openDescriptors(), open_);
@@ -239,7 +375,6 @@ class TrackerTest : public testing::Test {
    Vel::Ptr<Zor::ChildProcess> record(int pid, const char* name = "worker") {
       return tracker->processIs(pid, name, readEnd());
    }
-
    int readEnd() {
       int ends[2] = {-1, -1};
       EXPECT_EQ(::pipe(ends), 0);
@@ -247,9 +382,9 @@ class TrackerTest : public testing::Test {
       return ends[0];
    }
 
-   int forkBody(const std::function<void()>& body, const Vel::Ptr<Context>& context = {},
-                const Vel::String8& name = "worker", void (*init)(void*) = nullptr,
-                void* arg = nullptr) {
+   int start(const std::function<void()>& body, const Vel::Ptr<Context>& context = {},
+             const Vel::String8& name = "worker", void (*init)(void*) = nullptr,
+             void* arg = nullptr) {
       std::fflush(stdout);
       const pid_t here = ::getpid();
       try {
@@ -257,7 +392,9 @@ class TrackerTest : public testing::Test {
          if (pid == 0) {
             runAndExit(body);
          }
-         forked.push_back(pid);
+         if (pid > 0) {
+            forked.push_back(pid);
+         }
          return pid;
       } catch (...) {
          if (::getpid() != here) {
@@ -265,6 +402,16 @@ class TrackerTest : public testing::Test {
          }
          throw;
       }
+   }
+   int startAt(const Gate& gate, int status) {
+      return start([&gate, status] {
+         gate.pass();
+         endWith(status);
+      });
+   }
+   Child childOf(int pid) const { return Child(tracker->process(pid)); }
+   void runAll() const {
+      EXPECT_TRUE(runUntil([this] { return tracker->left() == 0; }));
    }
 
    void trace(Calls& into) {
@@ -300,10 +447,4 @@ class TrackerTest : public testing::Test {
    std::vector<int> writeEnds_;
 };
 
-// Sets the child's record as if the loop had learned of its end.
-inline void endIs(const Zor::ChildProcess& child, Siginfo::SignalCode code,
-                  std::uint8_t value = 0) {
-   const Vel::Ptr<Siginfo> siginfo = child.siginfo();
-   code == Siginfo::killed ? siginfo->exitSignalIs(value) : siginfo->exitStatusIs(value);
-   siginfo->signalCodeIs(code);
-}
+class TrackerTest : public testing::Test, protected World {};

@@ -1,13 +1,10 @@
-// The event loop: what is watched and when, what handlers may do to it, and what a forked child
-// can't do to its parent's.
+// The event loop: what is watched and when, what handlers may do to it.
 #include "TrackerFixture.h"
+#include "Watched.h"
 
 #include <array>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <optional>
-#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -18,84 +15,6 @@ namespace {
 using testing::ElementsAre;
 using Vel::FileDescriptor;
 using Vel::Ptr;
-
-class Watcher : public FileDescriptor::NotifieeConst {
- public:
-   std::function<void()> heard = [] {}; // of anything
-   Calls calls;
-
-   void onReadable() override { called("readable"); }
-   void onWritable() override { called("writable"); }
-   void onException() override { called("exception"); }
-
- private:
-   void called(const char* what) {
-      calls.push_back(what);
-      const auto act = heard; // which may drop this watcher
-      act();
-   }
-};
-
-struct Pipe {
-   Pipe() { EXPECT_EQ(::pipe2(ends, O_NONBLOCK), 0); }
-   int ends[2] = {-1, -1};
-};
-
-// A pipe whose read end is watched; the write end is raw.
-struct Watched {
-   explicit Watched(int readEnd) : fd(Vel::newEntity<FileDescriptor>("watched")) {
-      fd->descriptorIs(readEnd);
-      fd->notifyOnReadableIs(true);
-      watcher = Vel::newEntity<Watcher>();
-      watcher->notifierIs(fd);
-      watcher->isRegisteredNotifieeIs(true);
-   }
-   Watched() : Watched(Pipe()) {}
-   Watched(const Watched&) = delete;
-   Watched& operator=(const Watched&) = delete;
-   ~Watched() {
-      if (watcher) {
-         drop();
-      }
-      if (writeEnd >= 0) {
-         ::close(writeEnd);
-      }
-   }
-   void write() const { EXPECT_EQ(::write(writeEnd, "x", 1), 1); }
-   void read() const {
-      char byte = 0;
-      EXPECT_EQ(::read(fd->descriptor(), &byte, 1), 1);
-   }
-   void drop() {
-      watcher->notifierIs(nullptr);
-      watcher = nullptr;
-      fd = nullptr;
-   }
-
-   Ptr<FileDescriptor> fd;
-   Ptr<Watcher> watcher;
-   int writeEnd = -1;
-
- private:
-   explicit Watched(const Pipe& pipe) : Watched(pipe.ends[0]) { writeEnd = pipe.ends[1]; }
-};
-
-bool isOpen(int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; }
-
-// A descriptor of that number that is never readable and never writable.
-int quietAs(int number) {
-   const int quiet = ::timerfd_create(CLOCK_MONOTONIC, 0);
-   if (quiet != number) {
-      ::dup2(quiet, number);
-      ::close(quiet);
-   }
-   return number;
-}
-
-bool readableNow(int descriptor) {
-   pollfd event{descriptor, POLLIN, 0};
-   return ::poll(&event, 1, 0) == 1;
-}
 
 using Activity = TrackerTest;
 
@@ -356,55 +275,6 @@ TEST_F(Activity, APollSetThatWasClosedIsReplaced) {
                    EXPECT_TRUE(readableNow(manager()->pollFd()));
                 }),
                 0);
-   }
-}
-
-// ---- after a fork ----
-
-std::string membersOf(int set) {
-   std::ifstream info("/proc/self/fdinfo/" + std::to_string(set));
-   return {std::istreambuf_iterator<char>(info), {}};
-}
-
-TEST_F(Activity, NothingThatAChildDoesReachesWhatItsParentWatches) {
-   using All = std::vector<Watched>;
-   const auto runAll = [](All& all) {
-      for (Watched& each : all) {
-         each.watcher->heard = [&each] { each.watcher->isRegisteredNotifieeIs(false); };
-      }
-      EXPECT_EQ(manager()->runOnce(1000), 64);
-   };
-   const std::function<void(All&)> misdeeds[] = {
-      [](All&) { Zor::childProcessTrackerCloseFds(Vel::newEntity<Context>()); },
-      [](All& all) { all.clear(); },
-      [](All& all) {
-         for (const Watched& each : all) {
-            each.fd->notifyOnReadableIs(false);
-            each.fd->notifyOnWritableIs(true);
-         }
-      },
-      [&](All& all) {
-         Watched own;
-         own.write();
-         for (int turn = 0; turn < 2; ++turn) { // it yields 64 at once, in turns
-            EXPECT_EQ(manager()->runOnce(0), 64);
-         }
-         EXPECT_FALSE(own.watcher->calls.empty());
-         own.drop();
-         runAll(all);
-      },
-   };
-   for (const auto& misdeed : misdeeds) {
-      All all(64);
-      const int set = manager()->pollFd();
-      const std::string members = membersOf(set);
-      for (const Watched& each : all) {
-         each.write();
-      }
-      EXPECT_EQ(apart([&] { misdeed(all); }), 0) << &misdeed - misdeeds;
-      EXPECT_EQ(manager()->pollFd(), set);
-      EXPECT_EQ(membersOf(set), members);
-      runAll(all);
    }
 }
 

@@ -16,9 +16,6 @@ using Vel::String8;
 
 class Tracking : public TrackerTest {
  protected:
-   std::uint32_t outcomes() const {
-      return tracker->successfulTerminationCount() * 100 + tracker->errorTerminationCount();
-   }
    std::set<int> tracked() const {
       std::set<int> pids;
       for (const auto& child : tracker->process()) {
@@ -63,7 +60,11 @@ TEST_F(Tracking, AKnownNumberIsTheSameRecordOrRefused) {
                    "\"a\\\"b\" not allowed");
    }
    EXPECT_EQ(first->siginfo()->childPipe()->descriptor(), descriptor);
-   tracker->childProcessIsStarts = [](const Child&) { throw std::runtime_error("registering"); };
+   tracker->called = [](const std::string& call) {
+      if (call == "childProcessIs") {
+         throw std::runtime_error("registering");
+      }
+   };
    EXPECT_THROW(tracker->processIs(8, {}, unused), std::runtime_error);
    EXPECT_EQ(tracked(), std::set{7});
    EXPECT_FALSE(manager()->fd(unused));
@@ -99,9 +100,9 @@ TEST_F(Tracking, ARetargetedReactorFollowsTheNewObject) {
    tracker->childProcessIs(second);
    EXPECT_EQ(tracker->childProcess(7), reactor);
    endIs(*first, Siginfo::exited); // no longer watched
-   EXPECT_EQ(outcomes(), 0U);
+   EXPECT_EQ(tracker->outcomes(), 0U);
    second->siginfo()->signalCodeIs(Siginfo::killed); // the chain goes by number, to the first
-   EXPECT_EQ(outcomes(), 100U);
+   EXPECT_EQ(tracker->outcomes(), 100U);
 }
 
 TEST_F(Tracking, TheSiginfoMayBeReplacedRemovedAndPutBack) {
@@ -120,9 +121,9 @@ TEST_F(Tracking, TheSiginfoMayBeReplacedRemovedAndPutBack) {
    EXPECT_TRUE(follower->velMarkedForDeletion() && follower->velChildProcess() == nullptr);
    last->signalCodeIs(Siginfo::killed);
    tracker->handleTerminatedChildProcess(7); // a record without siginfo has no end
-   EXPECT_EQ(outcomes(), 0U);
+   EXPECT_EQ(tracker->outcomes(), 0U);
    child->siginfoIs("back", 7)->signalCodeIs(Siginfo::exited);
-   EXPECT_EQ(outcomes(), 100U);
+   EXPECT_EQ(tracker->outcomes(), 100U);
 }
 
 TEST_F(Tracking, SwitchesReachEveryReactorAndItsFollower) {
@@ -149,40 +150,17 @@ TEST_F(Tracking, SwitchesReachEveryReactorAndItsFollower) {
    EXPECT_EQ(state(), 33);
    EXPECT_EQ(reactor->siginfoDel(), child->siginfo());
    endIs(*child, Siginfo::exited);
-   EXPECT_EQ(outcomes(), 0U);
-}
-
-TEST_F(Tracking, AReactorWithoutTrackerOrChildCallsNothing) {
-   Calls calls;
-   const auto child = record(7);
-   const auto lonely = record(8);
-   const Vel::Ptr<Reactor> reactor = tracker->childProcess(7);
-   const Vel::Ptr<Reactor> childless = tracker->childProcess(8);
-   childless->notifierIs(tracker); // of another class: counts as none
-   trace(calls);
-   endIs(*lonely, Siginfo::exited);
-   tracker = nullptr;
-   EXPECT_FALSE(reactor->childProcessTrackerSm() || childless->childProcessTrackerSm());
-   reactor->velDoZombieReactors(false); // even when somebody wakes it again
-   endIs(*child, Siginfo::exited);
-   child->siginfoIs("other", 7)->signalCodeIs(Siginfo::killed);
-   EXPECT_THAT(calls, IsEmpty());
-}
-
-TEST_F(Tracking, AnEndRecordedBeforeTheReactorExistsLeavesNoReactor) {
-   tracker->childProcessIsStarts = [](const Child& child) { endIs(*child, Siginfo::exited, 3); };
-   const auto child = record(7);
-   EXPECT_EQ(outcomes(), 1U);
-   EXPECT_THAT(tracked(), IsEmpty());
-   EXPECT_EQ(tracker->lastFailedProcess(), child);
-
-   tracker->hook = [](const Child&) { throw std::runtime_error("hook"); };
-   EXPECT_THROW(record(8), std::runtime_error);
-   EXPECT_NE(tracker->process(8), nullptr); // a child whose hook throws stays
-   EXPECT_EQ(tracker->childProcess(8), nullptr);
+   EXPECT_EQ(tracker->outcomes(), 0U);
 }
 
 // ---- termination ----
+
+TEST_F(Tracking, WithTracingOffNothingIsComposed) {
+   tracker->handleTerminatedChildProcess(-4); // makes the trace handle, which is then there
+   newsLeft = 0;
+   tracker->handleTerminatedChildProcess(-4);
+   newsLeft = std::numeric_limits<int>::max();
+}
 
 TEST_F(Tracking, EachEndIsTracedBookedHookedAndForgottenInThisOrder) {
    struct {
@@ -227,112 +205,17 @@ TEST_F(Tracking, EachEndIsTracedBookedHookedAndForgottenInThisOrder) {
       const Child child = record(7);
       tracker->hook = [&](const Child& heard) {
          EXPECT_TRUE(heard == child && tracker->process(7) == child.get());
-         EXPECT_EQ(outcomes(), row.outcomes);
+         EXPECT_EQ(tracker->outcomes(), row.outcomes);
       };
       tracker->calls = &calls;
       trace(calls);
       endIs(*child, row.code, row.value);
       EXPECT_EQ(calls, expected);
-      EXPECT_EQ(outcomes(), row.outcomes);
+      EXPECT_EQ(tracker->outcomes(), row.outcomes);
       EXPECT_EQ(tracker->lastFailedProcessTerminationError(), row.error);
       EXPECT_EQ(tracker->lastFailedProcess() == child, row.error != Sm::invalid);
       EXPECT_EQ(tracked().empty(), row.ended);
    }
-}
-
-TEST_F(Tracking, AnUnknownNumberIsTracedAndWithTracingOffNothingIsComposed) {
-   Calls calls;
-   tracker->handleTerminatedChildProcess(-4); // makes the trace handle, which is then there
-   newsLeft = 0;
-   tracker->handleTerminatedChildProcess(-4);
-   newsLeft = std::numeric_limits<int>::max();
-   trace(calls);
-   tracker->handleTerminatedChildProcess(-4);
-   EXPECT_THAT(calls, ElementsAre("ChildProcessTracker 8 ChildProcessTracker:111 "
-                                  "handleTerminatedChildProcess void Zor::ChildProcessTrackerSm::"
-                                  "handleTerminatedChildProcess(S32) -4 is not tracked"));
-}
-
-// ---- rude hooks ----
-
-TEST_F(Tracking, TheTrackerMayBeDroppedInAnyCallOfItsOwn) {
-   for (const std::string call : {"processIs", "childProcessIs", "lastFailed", "error", "errors",
-                                  "hook", "processDel", "childProcessDel"}) {
-      SCOPED_TRACE(call);
-      tracker = Zor::newTracker<RudeTracker>();
-      tracker->called = [&](const std::string& now) {
-         if (now == call) {
-            tracker = nullptr;
-         }
-      };
-      forkBody([] { ::_exit(3); });
-      EXPECT_TRUE(runUntil([&] { return !hasChildren(); }));
-      EXPECT_FALSE(tracker);
-   }
-   tracker = Zor::newTracker<RudeTracker>();
-   tracker->childProcessIsStarts = [this](const Child&) { tracker = nullptr; };
-   EXPECT_EQ(record(9)->pid(), 9); // nobody holds it but the operation itself
-}
-
-// The reactors are told something while an end that nobody has removed is still there to be told:
-// its hook drops whatever else would hold them.
-TEST_F(Tracking, ReactorsSurviveTheEndThatTheyTell) {
-   const auto other = Vel::newEntity<Siginfo>("other", 7);
-   const auto twin = Vel::newEntity<Zor::ChildProcess>(7, "twin", readEnd());
-   const std::function<void(Reactor*)> acts[] = {
-      [&](Reactor* reactor) { reactor->siginfoIs(other); },
-      [&](Reactor* reactor) { reactor->siginfo().get()->notifierIs(other); },
-      [&](Reactor* reactor) { reactor->notifierIs(twin); },
-      [&](Reactor* reactor) { reactor->childProcessTrackerSm()->childProcessIs(twin); },
-   };
-   for (const auto& act : acts) {
-      tracker = Zor::newTracker<RudeTracker>();
-      tracker->hook = [](const Child&) { throw std::runtime_error("hook"); };
-      EXPECT_THROW(endIs(*record(7), Siginfo::exited), std::runtime_error);
-      tracker->hook = [this](const Child&) { tracker = nullptr; };
-      act(tracker->childProcess(7));
-      EXPECT_FALSE(tracker);
-   }
-}
-
-TEST_F(Tracking, AHookMayChangeTheRegistry) {
-   const std::pair<std::function<void(const Child&)>, std::set<int>> rows[] = {
-      {[&](const Child& child) { tracker->processDel(child->pid()); }, {1, 2, 4, 5}},
-      {[&](const Child&) { tracker->processDelAll(); }, {}},
-      {[&](const Child&) { tracker->childProcessDelAll(); }, {1, 2, 4, 5}},
-      {[&](const Child&) { tracker->processDel(3), record(3, "another"); }, {1, 2, 3, 4, 5}},
-   };
-   for (const auto& [hook, expected] : rows) {
-      tracker = Zor::newTracker<RudeTracker>();
-      tracker->hook = hook;
-      for (const int pid : {1, 2, 3, 4, 5}) {
-         record(pid);
-      }
-      endIs(*tracker->process(3), Siginfo::exited);
-      std::set<int> left;
-      for (const auto& child : tracker->process()) {
-         left.insert(child.pid());
-      }
-      EXPECT_EQ(left, expected);
-      EXPECT_EQ(outcomes(), 100U);
-   }
-   tracker->hook = nullptr;
-   endIs(*tracker->process(3), Siginfo::killed, 9); // the newcomer is watched like any other
-   EXPECT_EQ(outcomes(), 101U);
-}
-
-TEST_F(Tracking, AHookMayForkAndRunTheLoopAndTheCountWraps) {
-   int generations = 0;
-   tracker->successfulTerminationCountIs(~0U);
-   tracker->hook = [&](const Child&) {
-      if (++generations < 5) {
-         forkBody([] {});
-         EXPECT_TRUE(runUntil([&] { return generations >= 5; }));
-      }
-   };
-   forkBody([] {});
-   EXPECT_TRUE(runUntil([&] { return generations >= 5 && tracked().empty(); }));
-   EXPECT_EQ(outcomes(), 400U);
 }
 
 // ---- layout and memory ----
@@ -401,7 +284,7 @@ TEST_F(Tracking, AChildCostsTwoDescriptorsAndLittleMemory) {
    const std::size_t descriptorsBefore = openDescriptors().size();
    const std::size_t heapBefore = ::mallinfo2().uordblks;
    while (forked.size() < count) {
-      forkBody([] { ::pause(); });
+      start([] { ::pause(); });
    }
    EXPECT_LE(::mallinfo2().uordblks - heapBefore, 640 * count); // 0 where nobody keeps account
    EXPECT_EQ(openDescriptors().size() - descriptorsBefore, 2 * count);

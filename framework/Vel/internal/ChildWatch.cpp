@@ -95,7 +95,7 @@ bool ChildWatch::watch(ChildSiginfo& siginfo, bool pipeWatched) {
    }
    open(siginfo.place_);
    const Place& place = children_[siginfo.place_];
-   if (pipeWatched || place.watched || (place.asked && timerServes())) {
+   if (pipeWatched || place.watched || (place.asked && timerWatched_)) {
       return true;
    }
    leave(siginfo);
@@ -208,7 +208,7 @@ bool ChildWatch::openPidfd(std::uint32_t at) noexcept {
 }
 
 void ChildWatch::settle() noexcept {
-   if (pausing_ && timer_ < 0) {
+   if (pausing_ && !timerWatched_) {
       startTimer();
    }
    if (unsettledCount_ == 0 && !pipesForgotten_) {
@@ -237,6 +237,7 @@ bool ChildWatch::pipeIsLost(const ChildSiginfo& siginfo) {
 void ChildWatch::onForgotten(std::uint32_t tag) noexcept {
    if (tag == timerTag) {
       timer_ = -1;
+      timerWatched_ = false;
       return;
    }
    Place& place = children_[tag];
@@ -250,7 +251,7 @@ void ChildWatch::onPollSetLost() noexcept {
       unsettledIs(place, place.unsettled || place.watched);
       place.watched = false;
    }
-   closeTimer();
+   timerWatched_ = false; // but open: whoever closes all descriptors has its number on the list
 }
 
 void ChildWatch::onFork() noexcept {
@@ -261,7 +262,7 @@ void ChildWatch::onFork() noexcept {
    }
    children_.clear();
    unwatchedCount_ = askedCount_ = unsettledCount_ = cursor_ = 0;
-   pipesForgotten_ = pausing_ = false;
+   pipesForgotten_ = pausing_ = timerWatched_ = false;
    timer_ = -1;
 }
 
@@ -385,20 +386,28 @@ void ChildWatch::askSoon() noexcept {
    pauseIs(shortestPause);
 }
 
+bool ChildWatch::openTimer() noexcept {
+   try {
+      if (timer_ < 0) {
+         timer_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+         if (timer_ < 0) {
+            return false;
+         }
+         core_.ownerIs(timer_, timerTag);
+      }
+      core_.eventsIs(timer_, EPOLLIN);
+      timerWatched_ = true;
+   } catch (const std::exception&) {
+      // No memory, or no room in the poll set.
+   }
+   return timerWatched_;
+}
+
 // Without a timer the loop's own wait is cut short.
 void ChildWatch::startTimer() noexcept {
-   if (timer_ < 0) {
-      timer_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-      if (timer_ < 0) {
-         return;
-      }
-      try {
-         core_.ownerIs(timer_, timerTag);
-         core_.eventsIs(timer_, EPOLLIN);
-      } catch (const std::exception&) {
-         closeTimer();
-         return;
-      }
+   if (!timerWatched_ && !openTimer()) {
+      closeTimer();
+      return;
    }
    const std::int64_t ms = std::max<std::int64_t>(pauseEnd_ - nowMs(), 1);
    itimerspec time{};
@@ -411,17 +420,16 @@ void ChildWatch::closeTimer() noexcept {
       core_.release(timer_);
       ::close(timer_);
       timer_ = -1;
+      timerWatched_ = false;
    }
 }
 
 int ChildWatch::pauseMs() const noexcept {
-   if (!pausing_ || timer_ >= 0) {
+   if (!pausing_ || timerWatched_) {
       return -1;
    }
    return static_cast<int>(std::max<std::int64_t>(pauseEnd_ - nowMs(), 0));
 }
-
-bool ChildWatch::timerServes() const noexcept { return timer_ >= 0; }
 
 // Asks some of the children; a round over all of them is followed by a longer pause.
 void ChildWatch::onPause() {

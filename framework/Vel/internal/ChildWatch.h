@@ -81,9 +81,9 @@ class ChildWatch final : public ChildEvents {
    void closePidfd(Place& place) noexcept;
    void askSoon() noexcept;
    void pauseIs(int ms) noexcept;
+   bool openTimer() noexcept;
    void startTimer() noexcept;
    void closeTimer() noexcept;
-   bool timerServes() const noexcept;
 
    ActivityCore& core_;
    std::vector<Place> children_;      // unordered; each siginfo and pidfd knows its place
@@ -94,6 +94,7 @@ class ChildWatch final : public ChildEvents {
    bool pidfdsRefused_ = false;  // found out once
    // The pauses between askings: one timer for the manager; without it, by the clock.
    int timer_ = -1;
+   bool timerWatched_ = false; // the poll set has it
    bool pausing_ = false;
    std::int64_t pauseEnd_ = 0;     // in milliseconds of the monotonic clock
    int roundPause_ = longestPause; // after the present round, in milliseconds
