@@ -23,8 +23,8 @@ class Input {
    unsigned below(unsigned bound) { return byte() % bound; }
    bool flag() { return (byte() & 1) != 0; }
    std::string text() {
-      const std::size_t length =
-         std::min<std::size_t>(below(24), static_cast<std::size_t>(end_ - at_));
+      const std::size_t wanted = below(24); // which moves on
+      const std::size_t length = std::min(wanted, static_cast<std::size_t>(end_ - at_));
       std::string taken(at_, at_ + length);
       at_ += length;
       return taken;

@@ -253,7 +253,7 @@ class Play {
       int pid = 0;
       try {
          pid = tracker_->forkChild(
-            "worker", kind == initThrows ? [](void*) { throw Rude(); } : nullptr, nullptr, keep);
+            "worker", kind == initThrows ? +[](void*) { throw Rude(); } : nullptr, nullptr, keep);
       } catch (...) {
          if (::getpid() != here) {
             ::_exit(98);
