@@ -283,10 +283,10 @@ class RudeTracker : public Sm {
       return noted("childProcessDel at", at ? at->fwkKey() : 0).Sm::childProcessDel(at);
    }
    void childProcessIs(const Child& child) override {
-      noted("childProcessIs", child->pid()).Sm::childProcessIs(child);
+      noted("childProcessIs", child ? child->pid() : 0).Sm::childProcessIs(child);
    }
    void lastFailedProcessIs(const Child& child) override {
-      noted("lastFailed", child->pid()).Sm::lastFailedProcessIs(child);
+      noted("lastFailed", child ? child->pid() : 0).Sm::lastFailedProcessIs(child);
    }
    void lastFailedProcessTerminationErrorIs(terminationError error) override {
       noted("error", error).Sm::lastFailedProcessTerminationErrorIs(error);
