@@ -48,7 +48,7 @@ inline int closeSays = 0;                              // the error, although it
 
 extern "C" int close(int descriptor) {
    const auto result = static_cast<int>(::syscall(SYS_close, descriptor));
-   badCloses += result != 0 && errno == EBADF;
+   badCloses += result != 0 && errno == EBADF && descriptor >= 0;
    errno = closeSays != 0 ? closeSays : errno;
    return closeSays != 0 ? -1 : result;
 }
@@ -341,9 +341,13 @@ class World {
  public:
    World() {
       Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 8, false);
-      manager()->pollFd();
+      tracker = Zor::newTracker<RudeTracker>();
+      start([] {}); // the first life: what is made once is, and a sanitizer has looked at it
+      runAll();
+      tracker = nullptr;
+      forked.clear();
       tallies_ = tallies();
-      open_ = openDescriptors();
+      open_ = openBesidesThePollSet();
       tracker = Zor::newTracker<RudeTracker>();
    }
    World(const World&) = delete;
@@ -368,7 +372,7 @@ class World {
          ::close(descriptor);
       }
       EXPECT_EQ(tallies(), tallies_);
-      EXPECT_EQ(openDescriptors(), open_);
+      EXPECT_EQ(openBesidesThePollSet(), open_);
    }
 
    // A record of a process that is none of ours, with a pipe that stays open.
@@ -428,6 +432,12 @@ class World {
    std::vector<int> forked;
 
  private:
+   static std::set<int> openBesidesThePollSet() { // whose number may be another one
+      const int pollSet = manager()->pollFd();
+      auto open = openDescriptors();
+      open.erase(pollSet);
+      return open;
+   }
    static std::vector<std::uint64_t> tallies() {
       std::vector<std::uint64_t> live;
       for (const auto* info :
