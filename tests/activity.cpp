@@ -264,6 +264,38 @@ TEST_F(Activity, WaitingLastsAsLongAsAskedWhateverSignalsCome) {
    ::sigaction(SIGALRM, &previous, nullptr);
 }
 
+TEST_F(Activity, WithoutAPollSetWaitingFailsAndGoesOnOnceThereIsOne) {
+   EXPECT_EQ(apart([] {
+                const Watched watched; // this process has a set, its child must make its own
+                watched.write();
+                EXPECT_EQ(apart([&] {
+                             descriptorLimitIs(static_cast<rlim_t>(NextPipe().read));
+                             EXPECT_THROW(manager()->runOnce(0), Vel::SystemException);
+                             descriptorLimitIs(1024);
+                             EXPECT_EQ(manager()->runOnce(0), 1);
+                          }),
+                          0);
+                refuse(SYS_epoll_wait, EBADF);
+                EXPECT_THROW(manager()->runOnce(-1), Vel::SystemException);
+             }),
+             0);
+}
+
+// The number of a watched descriptor is closed by somebody, while a copy keeps it in the poll set.
+TEST_F(Activity, ADescriptorThatWasClosedAndComesBackIsWatchedAgain) {
+   Watched first;
+   const int number = first.fd->descriptor();
+   const int copy = ::dup(number);
+   ::close(number);
+   manager()->fdDel(number);
+   EXPECT_EQ(::dup2(copy, number), number);
+   const Watched second(number);
+   first.write();
+   EXPECT_EQ(manager()->runOnce(0), 1);
+   EXPECT_EQ(second.watcher->calls.size(), 1U);
+   ::close(copy);
+}
+
 TEST_F(Activity, APollSetThatWasClosedIsReplaced) {
    for (const bool reused : {true, false}) {
       EXPECT_EQ(apart([&] {

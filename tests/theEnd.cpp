@@ -1,6 +1,7 @@
 // The end of a child: how it is learned, whatever the child, its grandchildren, other code and the
 // kernel do about it.
 #include "Faults.h"
+#include "Watched.h"
 
 #include <algorithm>
 #include <poll.h>
@@ -242,6 +243,54 @@ void otherCodeTookItWhileThePidfdWasGone(World& world) {
    expectEnd(child, Siginfo::lost, 0, Siginfo::unknown);
 }
 
+// ---- what the kernel lacks ----
+
+// It keeps no record of the reaped, can't wait by pidfd, can't signal by it.
+void theKernelIsOlder(World& world) {
+   expectHeld(apart([&] {
+      refuse(SYS_ioctl, ENOTTY);
+      const Child child = world.childOf(world.start([] {}));
+      ::waitpid(child->pid(), nullptr, 0);
+      expectEnd(child, Siginfo::lost, 0, Siginfo::unknown);
+   }));
+   expectHeld(apart([&] {
+      constexpr unsigned byPidfd = 3;
+      refuse(SYS_waitid, EINVAL, 0, byPidfd);
+      refuse(SYS_pidfd_send_signal, ENOSYS);
+      const Gate gate;
+      const Child child = world.childOf(world.startAt(gate, 3));
+      EXPECT_TRUE(child->siginfo()->signal(SIGTERM));
+      expectEnd(child, Siginfo::killed, SIGTERM);
+   }));
+   expectHeld(apart([&] {
+      refuse(SYS_pidfd_send_signal, ENOSYS);
+      const Gate gate;
+      const Child child = world.childOf(world.startAt(gate, 3));
+      EXPECT_TRUE(child->siginfo()->signal(SIGTERM));
+      expectEnd(child, Siginfo::killed, SIGTERM);
+   }));
+}
+
+// The loop's own waits are the pauses then, also while it has other things to deliver.
+void thereIsNoTimer(World& world) {
+   refuse(SYS_timerfd_create, EMFILE);
+   const Watched busy;
+   busy.write();
+   for (const bool idle : {true, false}) {
+      const Gate gate;
+      busy.fd->notifyOnReadableIs(!idle);
+      const Child child = world.childOf(world.start([&] {
+         if (::fork() == 0) {
+            gate.pass();
+         }
+         ::_exit(8);
+      }));
+      awaitZombie(child->pid());
+      expectEnd(child, Siginfo::exited, 8);
+      gate.open();
+   }
+}
+
 // ---- who is watched, and for how long ----
 
 // The forgotten are reaped; those from outside, once forgotten, and unknown ones, an orphan given
@@ -403,6 +452,7 @@ INSTANTIATE_TEST_SUITE_P(
                                     FAULT(aGrandchildHoldsThePipe), FAULT(aTracerHoldsIt),
                                     FAULT(otherCodeTookTheStatus),
                                     FAULT(otherCodeTookItWhileThePidfdWasGone),
+                                    FAULT(theKernelIsOlder), FAULT(thereIsNoTimer),
                                     FAULT(itIsForgottenOrUnknown), FAULT(itIsAStranger),
                                     FAULT(itsDescriptorsAreOdd),
                                     FAULT(theClosingWalkTakesItsDescriptors),

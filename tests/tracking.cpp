@@ -126,6 +126,26 @@ TEST_F(Tracking, TheSiginfoMayBeReplacedRemovedAndPutBack) {
    EXPECT_EQ(tracker->outcomes(), 100U);
 }
 
+TEST_F(Tracking, WhatAReactorHasAlreadyIsNothingNew) {
+   Calls calls;
+   const auto child = record(7);
+   const Vel::Ptr<Reactor> reactor = tracker->childProcess(7);
+   const Vel::Ptr<Reactor::VelSiginfo> follower = reactor->siginfo();
+   trace(calls);
+   tracker->childProcessIs(child);
+   reactor->notifierIs(child);
+   reactor->siginfoIs(child->siginfo());
+   follower->notifierIs(child->siginfo());
+   tracker->hasNotificationActiveIs(true);
+   EXPECT_TRUE(calls.empty() && reactor->siginfo() == follower);
+   EXPECT_EQ(reactor->siginfoDel(), child->siginfo());
+   EXPECT_FALSE(reactor->siginfoDel());
+   reactor->siginfoIs(nullptr);
+   EXPECT_THROW(tracker->childProcessIs(nullptr), Vel::RangeException);
+   EXPECT_THROW(child->siginfo()->childPipeReactorIs(nullptr, nullptr), Vel::RangeException);
+   EXPECT_EQ(tracker->auditErrors(~0U) + tracker->auditErrors(1), 0U);
+}
+
 TEST_F(Tracking, SwitchesReachEveryReactorAndItsFollower) {
    const auto child = record(7);
    const Vel::Ptr<Reactor> reactor = tracker->childProcess(7);

@@ -10,7 +10,6 @@ namespace Vel {
 
 namespace {
 
-constexpr int smallestBits = 2;
 constexpr int largestBits = 30;
 
 PtrInterface** newBuckets(int bits) {
@@ -88,7 +87,7 @@ bool HashMapGeneric::removeFrom(std::uint32_t bucket, const PtrInterface* entry)
    }
    --members_;
    ++changeStamp_;
-   if (members_ < bucketCount() / 8 && bucketBits_ > smallestBits) {
+   if (members_ < bucketCount() / 8) { // of which there are 8 then
       bucketBitsIs(bucketBits_ - 1);
    }
    return true;

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <new>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace Vel {
@@ -49,7 +50,11 @@ template <class T> class Ptr {
 
    // The handle as one of a derived class; null when it is null or of another class.
    template <class U> static Ptr narrow(const Ptr<U>& base) {
-      return Ptr(dynamic_cast<T*>(base.get()));
+      U* const object = base.get();
+      if (object != nullptr && typeid(*object) == typeid(T)) { // nearly always, and without search
+         return Ptr(static_cast<T*>(object));
+      }
+      return Ptr(dynamic_cast<T*>(object));
    }
 
    T* get() const noexcept { return object_; }

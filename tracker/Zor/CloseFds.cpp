@@ -87,7 +87,7 @@ bool listOpen(std::vector<int>& open) {
    bool complete = false; // a listing without its own descriptor isn't one of this process
    errno = 0;
    while (const dirent* const entry = ::readdir(directory.get())) {
-      if (entry->d_name[0] < '0' || entry->d_name[0] > '9') {
+      if (entry->d_name[0] == '.') {
          continue;
       }
       const auto descriptor = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
@@ -115,7 +115,7 @@ int nextKept(const Context& context, int from) {
 // Closes the numbers from first to last. Without the kernel's help, up to where descriptors can
 // be expected: to what is known to be open, or to a usual limit.
 void closeRange(unsigned first, unsigned last, unsigned knownEnd) {
-   if (first > last || ::syscall(SYS_close_range, first, last, 0) == 0) {
+   if (::syscall(SYS_close_range, first, last, 0) == 0) {
       return;
    }
    constexpr rlim_t usualLimit = 65536;

@@ -41,6 +41,8 @@ std::uint64_t packed(int descriptor, std::uint32_t serial) {
    return static_cast<std::uint64_t>(serial) << 32 | static_cast<std::uint32_t>(descriptor);
 }
 
+int numberOf(const epoll_event& event) { return static_cast<int>(event.data.u64 & 0xffffffff); }
+
 std::uint64_t taggedOwner(std::uint32_t tag) { return static_cast<std::uint64_t>(tag) << 1 | 1; }
 
 } // namespace
@@ -66,9 +68,7 @@ void ActivityCore::leaveParent() noexcept {
          }
       }
    });
-   if (children_ != nullptr) {
-      children_->onFork();
-   }
+   children_->onFork();
 }
 
 // ---- who owns which descriptor ----
@@ -95,16 +95,14 @@ void ActivityCore::ownerIs(int descriptor, std::uintptr_t owner) {
 }
 
 void ActivityCore::tagIs(int descriptor, std::uint32_t tag) noexcept {
-   if (DescriptorPlace* const place = table_.find(descriptor)) {
-      place->owner = taggedOwner(tag);
-   }
+   table_.find(descriptor)->owner = taggedOwner(tag);
 }
 
 void ActivityCore::forgotten(std::uintptr_t owner) noexcept {
    const DescriptorPlace had{.owner = owner};
    if (FileDescriptor* const object = had.object()) {
       object->forget();
-      if ((object->settings_ & FileDescriptor::childPipeSetting) != 0 && children_ != nullptr) {
+      if ((object->settings_ & FileDescriptor::childPipeSetting) != 0) {
          children_->onPipeForgotten();
       }
    } else {
@@ -182,7 +180,7 @@ void ActivityCore::fillPollSet() {
    table_.forEach([this](int descriptor, DescriptorPlace& place) {
       FileDescriptor* const object = place.object();
       const std::uint32_t wanted = object != nullptr ? object->wantedEvents() : 0;
-      if (wanted == 0 || place.events != 0) {
+      if (wanted == 0) {
          return;
       }
       const int error = control(EPOLL_CTL_ADD, descriptor, wanted);
@@ -198,9 +196,7 @@ void ActivityCore::forgetPollSet() noexcept {
    pollSet_ = -1;
    next_ = end_ = 0; // a fresh set yields again what these were
    table_.forEach([](int, DescriptorPlace& place) { place.events = 0; });
-   if (children_ != nullptr) {
-      children_->onPollSetLost();
-   }
+   children_->onPollSetLost();
 }
 
 int ActivityCore::control(int operation, int descriptor, std::uint32_t events) noexcept {
@@ -214,7 +210,7 @@ int ActivityCore::control(int operation, int descriptor, std::uint32_t events) n
 void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
    adoptProcess();
    DescriptorPlace* const place = table_.find(descriptor);
-   if (place == nullptr || place->events == events) {
+   if (place->events == events) {
       return;
    }
    if (events == 0) {
@@ -238,9 +234,7 @@ void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
 
 int ActivityCore::pollFd() {
    const int set = pollSet();
-   if (children_ != nullptr) {
-      children_->onBeforeWait();
-   }
+   children_->onBeforeWait();
    return set;
 }
 
@@ -260,7 +254,7 @@ int ActivityCore::runOnce(int timeoutMs) {
          more = end_ == static_cast<int>(fetched_.size());
       }
       deliverFetched();
-      if (children_ != nullptr && children_->pauseMs() == 0) {
+      if (children_->pauseMs() == 0) {
          children_->onPause();
       }
       left = deadline.leftMs();
@@ -292,11 +286,8 @@ void ActivityCore::stop() noexcept {
 void ActivityCore::fetch(std::int64_t waitMs) {
    closeBatch();
    pollSet();
-   int pause = -1;
-   if (children_ != nullptr) {
-      children_->onBeforeWait();
-      pause = children_->pauseMs();
-   }
+   children_->onBeforeWait();
+   const int pause = children_->pauseMs();
    const bool pauseFirst = pause >= 0 && (waitMs < 0 || pause <= waitMs);
    next_ = end_ = 0;
    end_ = wait(pauseFirst ? pause : waitMs);
@@ -323,9 +314,7 @@ int ActivityCore::wait(std::int64_t waitMs) {
          replaced = true;
          forgetPollSet();
          pollSet();
-         if (children_ != nullptr) {
-            children_->onBeforeWait();
-         }
+         children_->onBeforeWait();
       } else if (error != EINTR) {
          throwSystemException("waiting for events failed", error);
       }
@@ -347,17 +336,24 @@ void ActivityCore::deliverFetched() {
    }
 }
 
+// The place that a fetched event is for; null when its descriptor was forgotten since, and the
+// number may be another's.
+const DescriptorPlace* ActivityCore::placeOf(const epoll_event& event) noexcept {
+   const int descriptor = numberOf(event);
+   const DescriptorPlace* const place = table_.find(descriptor); // it was watched, so there is one
+   const bool same = place->events != 0 && packed(descriptor, place->serial) == event.data.u64;
+   return same ? place : nullptr;
+}
+
 void ActivityCore::deliver(const epoll_event& event) {
-   const auto descriptor = static_cast<int>(event.data.u64 & 0xffffffff);
-   const DescriptorPlace* const place = table_.find(descriptor);
-   if (place == nullptr || place->events == 0 ||
-       packed(descriptor, place->serial) != event.data.u64) {
-      return; // forgotten since; the number may be another's
+   const DescriptorPlace* const place = placeOf(event);
+   if (place == nullptr) {
+      return;
    }
    if (FileDescriptor* const object = place->object()) {
       object->deliver(event.events, place->serial);
    } else {
-      children_->onEvent(place->tag(), event.events);
+      children_->onEvent(place->tag());
    }
 }
 
@@ -374,11 +370,8 @@ void ActivityCore::armAgain() noexcept {
    adoptProcess();
    for (; next_ != end_; ++next_) {
       const epoll_event& event = fetched_[static_cast<std::size_t>(next_)];
-      const auto descriptor = static_cast<int>(event.data.u64 & 0xffffffff);
-      const DescriptorPlace* const place = table_.find(descriptor);
-      if (place != nullptr && place->events != 0 &&
-          packed(descriptor, place->serial) == event.data.u64) {
-         control(EPOLL_CTL_MOD, descriptor, place->events);
+      if (const DescriptorPlace* const place = placeOf(event)) {
+         control(EPOLL_CTL_MOD, numberOf(event), place->events);
       }
    }
    closeBatch();

@@ -12,17 +12,18 @@
 
 namespace Vel {
 
-// The watch of children, as the core sees it: an owner of descriptors that are not objects.
+// The watch of children, as the core sees it: an owner of descriptors that are not objects. As it
+// stands here, for as long as there are no children.
 class ChildEvents {
  public:
-   virtual void onEvent(std::uint32_t tag, std::uint32_t events) = 0; // may run handlers, throw
-   virtual void onPause() = 0;                                        // the pause is over; likewise
-   virtual int pauseMs() const noexcept = 0; // when onPause is due; -1: a timer says so, or never
-   virtual void onBeforeWait() noexcept = 0; // the time to open anew what was lost
-   virtual void onForgotten(std::uint32_t tag) noexcept = 0;
-   virtual void onPipeForgotten() noexcept = 0;
-   virtual void onPollSetLost() noexcept = 0;
-   virtual void onFork() noexcept = 0; // nothing of the parent's is this process's
+   virtual void onEvent(std::uint32_t /*tag*/) {}      // may run handlers, throw
+   virtual void onPause() {}                           // the pause is over; likewise
+   virtual int pauseMs() const noexcept { return -1; } // to onPause; -1: a timer says so, or never
+   virtual void onBeforeWait() noexcept {}             // the time to open anew what was lost
+   virtual void onForgotten(std::uint32_t /*tag*/) noexcept {}
+   virtual void onPipeForgotten() noexcept {}
+   virtual void onPollSetLost() noexcept {}
+   virtual void onFork() noexcept {} // nothing of the parent's is this process's
 
  protected:
    ~ChildEvents() = default;
@@ -44,8 +45,9 @@ class ActivityCore {
    // Makes the number its owner's; whoever had it forgets it. Throws bad_alloc, changed nothing.
    void ownerIs(int descriptor, FileDescriptor* object);
    void ownerIs(int descriptor, std::uint32_t tag);
-   void tagIs(int descriptor, std::uint32_t tag) noexcept; // the same owner, under another tag
-   // Watches it for these events, or no more for 0. SystemException when the kernel refuses.
+   void tagIs(int descriptor, std::uint32_t tag) noexcept; // its owner goes by another tag now
+   // Watches an owned one for these events, or no more for 0. SystemException when the kernel
+   // refuses.
    void eventsIs(int descriptor, std::uint32_t events);
    // Out of the poll set and without an owner, who is about to close it.
    void release(int descriptor) noexcept;
@@ -72,13 +74,16 @@ class ActivityCore {
    void fetch(std::int64_t waitMs);
    int wait(std::int64_t waitMs);
    void deliverFetched();
+   const DescriptorPlace* placeOf(const epoll_event& event) noexcept;
    void deliver(const epoll_event& event);
    void closeBatch() noexcept;
    void armAgain() noexcept;
 
    ForkMark mark_;
    DescriptorTable table_;
-   ChildEvents* children_ = nullptr; // lives for the process, once there is one
+   struct NoChildren final : ChildEvents {
+   } noChildren_;
+   ChildEvents* children_ = &noChildren_; // lives for the process
    int pollSet_ = -1;
    int pollSetEnd_ = 0; // one more than the highest number that it ever had
    // Events that were fetched and not yet delivered. They are the manager's, not a call's: a run

@@ -278,7 +278,7 @@ Ended ChildWatch::ask(Place& place, ProcessStatus& status) noexcept {
    return ended != Ended::yes && place.gone ? Ended::lost : ended;
 }
 
-void ChildWatch::onEvent(std::uint32_t tag, std::uint32_t) {
+void ChildWatch::onEvent(std::uint32_t tag) {
    if (tag == timerTag) {
       std::uint64_t expirations = 0;
       // Its value is of no interest; that it doesn't block is.

@@ -40,7 +40,7 @@ class ChildWatch final : public ChildEvents {
    void forkedIs(int pid) noexcept;
    void settle() noexcept; // watches anew, or at all, whatever lost its watch or never got one
 
-   void onEvent(std::uint32_t tag, std::uint32_t events) override;
+   void onEvent(std::uint32_t tag) override;
    void onPause() override;
    int pauseMs() const noexcept override;
    void onBeforeWait() noexcept override { settle(); }

@@ -2,23 +2,15 @@
 
 namespace Vel {
 
-DescriptorPlace* DescriptorTable::find(int descriptor) noexcept {
-   const auto page = static_cast<std::size_t>(descriptor / pageSize);
-   if (descriptor < 0 || page >= pages_.size() || pages_[page] == nullptr) {
-      return nullptr;
-   }
-   return &pages_[page]->places[descriptor % pageSize];
-}
-
 DescriptorPlace& DescriptorTable::make(int descriptor) {
-   const auto page = static_cast<std::size_t>(descriptor / pageSize);
+   const std::size_t page = static_cast<unsigned>(descriptor) / pageSize;
    if (page >= pages_.size()) {
       pages_.resize(page + 1);
    }
    if (pages_[page] == nullptr) {
       pages_[page] = std::make_unique<Page>();
    }
-   return pages_[page]->places[descriptor % pageSize];
+   return pages_[page]->places[static_cast<unsigned>(descriptor) % pageSize];
 }
 
 } // namespace Vel

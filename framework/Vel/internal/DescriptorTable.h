@@ -32,7 +32,12 @@ struct DescriptorPlace {
 // Places by number, in pages that come with the first owner in them and stay. Looking up is O(1).
 class DescriptorTable {
  public:
-   DescriptorPlace* find(int descriptor) noexcept;
+   DescriptorPlace* find(int descriptor) noexcept {
+      const std::size_t page = static_cast<unsigned>(descriptor) / pageSize; // none if negative
+      return page < pages_.size() && pages_[page] != nullptr
+                ? &pages_[page]->places[static_cast<unsigned>(descriptor) % pageSize]
+                : nullptr;
+   }
    DescriptorPlace& make(int descriptor); // throws bad_alloc, and changes nothing then
    // One more than the highest number that there is a place for.
    std::int64_t end() const noexcept { return static_cast<std::int64_t>(pages_.size()) * pageSize; }
@@ -40,16 +45,16 @@ class DescriptorTable {
    // For every place with an owner: visit(number, place).
    template <class Visit> void forEach(Visit&& visit) {
       for (std::size_t page = 0; page < pages_.size(); ++page) {
-         for (int at = 0; pages_[page] != nullptr && at < pageSize; ++at) {
+         for (unsigned at = 0; pages_[page] != nullptr && at < pageSize; ++at) {
             if (pages_[page]->places[at].owner != 0) {
-               visit(static_cast<int>(page) * pageSize + at, pages_[page]->places[at]);
+               visit(static_cast<int>(page * pageSize + at), pages_[page]->places[at]);
             }
          }
       }
    }
 
  private:
-   static constexpr int pageSize = 64;
+   static constexpr unsigned pageSize = 64;
    struct Page {
       DescriptorPlace places[pageSize];
    };

@@ -30,9 +30,7 @@ ForkMark::~ForkMark() {
    }
 }
 
-bool ForkMark::crossed() const noexcept {
-   return word_ != nullptr ? *word_ == 0 : pid_ != ::getpid();
-}
+bool ForkMark::otherProcess() const noexcept { return pid_ != ::getpid(); }
 
 void ForkMark::renew() noexcept {
    if (word_ != nullptr) {

@@ -12,10 +12,12 @@ class ForkMark {
    ForkMark& operator=(const ForkMark&) = delete;
    ~ForkMark();
 
-   bool crossed() const noexcept;
+   bool crossed() const noexcept { return word_ != nullptr ? *word_ == 0 : otherProcess(); }
    void renew() noexcept; // this process is the marked one from here on
 
  private:
+   bool otherProcess() const noexcept;
+
    volatile int* word_ = nullptr; // null where the kernel has no such pages: then the pid tells
    int pid_;
 };

@@ -24,13 +24,10 @@ struct PidfdInfo {
 static_assert(sizeof(PidfdInfo) == 64);
 constexpr unsigned long pidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
 
+// Without waiting, which no signal interrupts.
 int waitId(idtype_t type, int id, siginfo_t& info, int options) noexcept {
-   int result = 0;
-   do {
-      info = {};
-      result = ::waitid(type, static_cast<id_t>(id), &info, options | WEXITED | WNOHANG);
-   } while (result != 0 && errno == EINTR);
-   return result;
+   info = {};
+   return ::waitid(type, static_cast<id_t>(id), &info, options | WEXITED | WNOHANG);
 }
 
 Ours isOurChild(idtype_t type, int id) noexcept {
