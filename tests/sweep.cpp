@@ -11,8 +11,10 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <sys/wait.h>
@@ -66,77 +68,57 @@ bool callFails(int error) {
    return fails;
 }
 
-template <class F> F real(const char* name) {
-   return reinterpret_cast<F>(::dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 // ---- the calls, as the libraries find them: here first ----
 
-#define REAL(name) static const auto next = real<decltype(&::name)>(#name)
+#define REAL(result, name, parameters)                                                             \
+   static const auto next =                                                                        \
+      reinterpret_cast<result(*) parameters>(::dlsym(RTLD_NEXT, #name)) // NOLINT
+#define FAULTY(result, name, parameters, arguments, error, failure)                                \
+   result name parameters {                                                                        \
+      REAL(result, name, parameters);                                                              \
+      return callFails(error) ? failure : next arguments;                                          \
+   }
 
 extern "C" {
-int pipe(int* ends) noexcept {
-   REAL(pipe);
-   return callFails(EMFILE) ? -1 : next(ends);
-}
-pid_t fork() noexcept {
-   REAL(fork);
-   return callFails(EAGAIN) ? -1 : next();
-}
+FAULTY(int, pipe, (int* ends) noexcept, (ends), EMFILE, -1)
+FAULTY(pid_t, fork, () noexcept, (), EAGAIN, -1)
+FAULTY(int, epoll_create1, (int flags) noexcept, (flags), EMFILE, -1)
+FAULTY(int, epoll_wait, (int set, epoll_event* events, int count, int timeout),
+       (set, events, count, timeout), EIO, -1)
+FAULTY(int, waitid, (idtype_t type, id_t id, siginfo_t* info, int options),
+       (type, id, info, options), EPERM, -1)
+FAULTY(int, poll, (pollfd * polls, nfds_t count, int timeout), (polls, count, timeout), ENOMEM, -1)
+FAULTY(ssize_t, read, (int descriptor, void* buffer, size_t size), (descriptor, buffer, size),
+       EINTR, -1)
+FAULTY(int, fstat, (int descriptor, struct stat* found) noexcept, (descriptor, found), EIO, -1)
+FAULTY(int, timerfd_create, (clockid_t clock, int flags) noexcept, (clock, flags), EMFILE, -1)
+FAULTY(DIR*, opendir, (const char* name), (name), EMFILE, nullptr)
+FAULTY(dirent*, readdir, (DIR * directory), (directory), EIO, nullptr)
+
 int close(int descriptor) {
-   REAL(close);
+   REAL(int, close, (int));
    const bool fails = callFails(EINTR); // after which the descriptor is closed all the same
    const int result = next(descriptor);
    errno = fails ? EINTR : errno;
    return fails ? -1 : result;
 }
-int epoll_create1(int flags) noexcept {
-   REAL(epoll_create1);
-   return callFails(EMFILE) ? -1 : next(flags);
-}
 int epoll_ctl(int set, int operation, int descriptor, epoll_event* event) noexcept {
-   REAL(epoll_ctl);
-   return operation != EPOLL_CTL_DEL && callFails(ENOSPC) ? -1
-                                                          : next(set, operation, descriptor, event);
-}
-int epoll_wait(int set, epoll_event* events, int count, int timeout) {
-   REAL(epoll_wait);
-   return callFails(EIO) ? -1 : next(set, events, count, timeout);
-}
-int waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
-   REAL(waitid);
-   return callFails(EPERM) ? -1 : next(type, id, info, options);
-}
-ssize_t read(int descriptor, void* buffer, size_t size) {
-   REAL(read);
-   return callFails(EINTR) ? -1 : next(descriptor, buffer, size);
+   REAL(int, epoll_ctl, (int, int, int, epoll_event*));
+   const bool fails = operation != EPOLL_CTL_DEL && callFails(ENOSPC);
+   return fails ? -1 : next(set, operation, descriptor, event);
 }
 int fcntl(int descriptor, int operation, ...) {
-   using Fcntl = int (*)(int, int, ...);
-   static const auto next = real<Fcntl>("fcntl");
+   REAL(int, fcntl, (int, int, ...));
    std::va_list arguments;
    va_start(arguments, operation);
    const int argument = va_arg(arguments, int);
    va_end(arguments);
    return callFails(EBADF) ? -1 : next(descriptor, operation, argument);
 }
-int timerfd_create(clockid_t clock, int flags) noexcept {
-   REAL(timerfd_create);
-   return callFails(EMFILE) ? -1 : next(clock, flags);
-}
-DIR* opendir(const char* name) {
-   REAL(opendir);
-   return callFails(EMFILE) ? nullptr : next(name);
-}
-dirent* readdir(DIR* directory) {
-   REAL(readdir);
-   return callFails(EIO) ? nullptr : next(directory);
-}
 long syscall(long number, ...) noexcept {
-   using Syscall = long (*)(long, ...);
-   static const auto next = real<Syscall>("syscall");
+   REAL(long, syscall, (long, ...));
    std::va_list arguments;
    va_start(arguments, number);
    long words[6];
@@ -153,6 +135,8 @@ long syscall(long number, ...) noexcept {
              : next(number, words[0], words[1], words[2], words[3], words[4], words[5]);
 }
 }
+#undef FAULTY
+#undef REAL
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
    if (failsNow(allocations)) {

@@ -62,21 +62,26 @@ void forgetStale(Sm& tracker, int pid, Vel::FirstException& first) {
 // child that ends meanwhile has it closed, and a handler may have the number for something else.
 class ReadEnd {
  public:
-   explicit ReadEnd(int descriptor) noexcept : descriptor_(descriptor) {
-      ::fstat(descriptor, &pipe_);
-   }
+   explicit ReadEnd(int descriptor) noexcept
+      : descriptor_(descriptor), known_(::fstat(descriptor, &pipe_) == 0) {}
    void closeUnlessTaken() const noexcept {
-      struct stat present {};
-      if (!Vel::ActivityImplFacility::activityManagerSm()->fd(descriptor_) &&
-          ::fstat(descriptor_, &present) == 0 && present.st_dev == pipe_.st_dev &&
-          present.st_ino == pipe_.st_ino) {
+      if (!Vel::ActivityImplFacility::activityManagerSm()->fd(descriptor_) && isThePipe()) {
          ::close(descriptor_);
       }
    }
 
  private:
+   bool isThePipe() const noexcept {
+      struct stat present {};
+      if (::fstat(descriptor_, &present) != 0) {
+         return errno != EBADF; // as far as anybody can tell
+      }
+      return !known_ || (present.st_dev == pipe_.st_dev && present.st_ino == pipe_.st_ino);
+   }
+
    int descriptor_;
    struct stat pipe_ {};
+   bool known_;
 };
 
 void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) {
