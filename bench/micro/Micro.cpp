@@ -1,6 +1,7 @@
 #include "Micro.h"
 
 #include "Instructions.h"
+#include "Rows.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -20,8 +21,11 @@ void timed(const std::string& name, Turns turns, unsigned atATime) {
 
 void Times::timeIs(const std::string& name, double time) { repetitions_[name].push_back(time); }
 
-double Times::ratio(const std::string& name, const std::string& floor) const {
-   return median(name) / median(floor);
+void Times::ratioRow(const std::string& what, const std::string& name, const std::string& floor,
+                     const char* bound, const char* note) const {
+   if (repetitions_.count(name) != 0 && repetitions_.count(floor) != 0) {
+      row(what, median(name) / median(floor), bound, note);
+   }
 }
 
 double Times::median(const std::string& name) const {

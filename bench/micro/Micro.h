@@ -19,8 +19,10 @@ void timed(const std::string& name, Turns turns, unsigned atATime = 64);
 class Times {
  public:
    void timeIs(const std::string& name, double time);
-   // Of the medians of the repetitions, which were run in random order.
-   double ratio(const std::string& name, const std::string& floor) const;
+   // Prints a row with the ratio of the medians of two cases' repetitions, which were run in random
+   // order; none if either was left out of the run.
+   void ratioRow(const std::string& what, const std::string& name, const std::string& floor,
+                 const char* bound, const char* note = "") const;
 
  private:
    double median(const std::string& name) const;

@@ -84,9 +84,9 @@ class PlainMap {
       entry->next = std::move(first);
       first = PlainHandle<PlainEntry>(entry);
    }
-   void remove(int key) {
-      PlainHandle<PlainEntry>* link = &head(key);
-      while (link->get() != nullptr && link->get()->key != key) {
+   void remove(const PlainEntry* entry) {
+      PlainHandle<PlainEntry>* link = &head(entry->key);
+      while (link->get() != nullptr && link->get() != entry) {
          link = &link->get()->next;
       }
       if (link->get() != nullptr) {

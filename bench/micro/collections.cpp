@@ -1,7 +1,6 @@
 // Keyed collections of many sizes, with the numbers of processes as keys: dense, in any order.
 #include "Micro.h"
 #include "Plain.h"
-#include "Rows.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -53,10 +52,7 @@ class Collection {
       int key = entry->key;
       map_.newMemberG(entry, &key);
    }
-   void remove(int key) {
-      const Handle entry(map_[key]);
-      map_.deleteMember(entry);
-   }
+   void remove(const Handle& entry) { map_.deleteMember(entry); }
    template <class Visitor> void visit(const Visitor& visitor) {
       for (Map::Iterator entry(&map_); entry; entry.advance()) {
          visitor(*entry);
@@ -73,6 +69,7 @@ class Peer : public PlainMap {
    using PlainMap::PlainMap;
    static Handle make(int key) { return Handle(new PlainEntry(key)); }
    void insert(const Handle& entry) { PlainMap::insert(entry.get()); }
+   void remove(const Handle& entry) { PlainMap::remove(entry.get()); }
 };
 
 // A map with so many entries, and the order in which they are asked for.
@@ -95,9 +92,9 @@ template <class Map> class Filled {
    }
    void replace(unsigned count) {
       while (count-- != 0) {
-         const std::size_t which = next();
-         map_.remove(keys_[which]);
-         map_.insert(entries_[which]);
+         const auto& entry = entries_[next()];
+         map_.remove(entry);
+         map_.insert(entry);
       }
    }
    void iterate(unsigned count) {
@@ -107,7 +104,7 @@ template <class Map> class Filled {
    }
    void iterateRemoving(unsigned count) {
       while (count-- != 0) {
-         map_.visit([this](auto& entry) { map_.remove(entry.key); });
+         map_.visit([this](auto& entry) { map_.remove(typename Map::Handle(&entry)); });
          for (const auto& entry : entries_) {
             map_.insert(entry);
          }
@@ -169,10 +166,10 @@ void add() {
 void report(const Times& times) {
    for (const Operation& operation : operations) {
       for (const unsigned size : sizes) {
-         row(std::string(operation.name) + ", " + std::to_string(size) +
-                " entries, time / hand-written map",
-             times.ratio(caseName(operation, size, "ours"), caseName(operation, size, "by hand")),
-             size <= judgedUpTo ? operation.bound : "printed", "");
+         times.ratioRow(std::string(operation.name) + ", " + std::to_string(size) +
+                           " entries, time / hand-written map",
+                        caseName(operation, size, "ours"), caseName(operation, size, "by hand"),
+                        size <= judgedUpTo ? operation.bound : "printed");
       }
    }
 }

@@ -1,7 +1,6 @@
 // Reading, writing and calling through an attribute's record and by its name, against the direct
 // call.
 #include "Micro.h"
-#include "Rows.h"
 
 #include <Zor/ChildProcessTracker.h>
 
@@ -111,8 +110,8 @@ void add() {
 void report(const Times& times) {
    for (const Access& access : accesses) {
       for (const char* way : {"by record", "by name"}) {
-         row(std::string("generic ") + access.name + ' ' + way + ", time / direct call",
-             times.ratio(caseName(access, way), caseName(access, "direct")), "printed", "");
+         times.ratioRow(std::string("generic ") + access.name + ' ' + way + ", time / direct call",
+                        caseName(access, way), caseName(access, "direct"), "printed");
       }
    }
 }

@@ -58,10 +58,10 @@ void report(const Times& times) {
    const double floor = instructionsPerTurn(plain());
    row("handle copied and dropped, instructions / plain counter", counted / floor, "<= 1.40",
        "switch off");
-   row("handle copied and dropped, time / plain counter", times.ratio("handle/off", "handle/plain"),
-       "<= 1.60", "switch off");
-   row("handle copied and dropped, time / std::atomic counter",
-       times.ratio("handle/on", "handle/atomic"), "<= 1.05", "switch on");
+   times.ratioRow("handle copied and dropped, time / plain counter", "handle/off", "handle/plain",
+                  "<= 1.60", "switch off");
+   times.ratioRow("handle copied and dropped, time / std::atomic counter", "handle/on",
+                  "handle/atomic", "<= 1.05", "switch on");
 }
 
 } // namespace

@@ -168,17 +168,16 @@ void unannounced(unsigned count) {
 void report(const Times& times) {
    for (const unsigned watchers : {0U, 1U, 8U, 1000U}) {
       const std::string name = "announcement/" + std::to_string(watchers);
-      row("announcement to " + std::to_string(watchers) + ", time / hand-written list",
-          times.ratio(name + "/ours", name + "/by hand"), watchers < 8 ? "printed" : "<= 1.20", "");
+      times.ratioRow("announcement to " + std::to_string(watchers) + ", time / hand-written list",
+                     name + "/ours", name + "/by hand", watchers < 8 ? "printed" : "<= 1.20");
    }
    row("announcement to 8, instructions", instructionsPerTurn(announcing<Watched>(8)), "<= 220",
        "handlers included");
    row("change that nobody watches, instructions more than a plain store",
        instructionsPerTurn(announcing<Watched>(0)) - instructionsPerTurn(unannounced), "<= 3",
        "one load, one test: no call fits into these");
-   row("watcher leaves and joins again, time / hand-written list",
-       times.ratio("leaving and joining/ours", "leaving and joining/by hand"), "printed",
-       "one of 8");
+   times.ratioRow("watcher leaves and joins again, time / hand-written list",
+                  "leaving and joining/ours", "leaving and joining/by hand", "printed", "one of 8");
 }
 
 } // namespace

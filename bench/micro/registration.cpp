@@ -55,8 +55,8 @@ void add() {
 void report(const Times& times) {
    row("processIs and processDel, instructions", instructionsPerTurn(registered, 4), "printed",
        "no fork; the pipe included");
-   row("processIs and processDel, time / a pipe watched and closed",
-       times.ratio("registration/ours", "registration/system calls"), "printed", "no fork");
+   times.ratioRow("processIs and processDel, time / a pipe watched and closed", "registration/ours",
+                  "registration/system calls", "printed", "no fork");
 }
 
 } // namespace
