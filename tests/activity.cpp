@@ -302,6 +302,11 @@ TEST_F(Activity, APollSetThatWasClosedIsReplaced) {
                    Watched watched;
                    watched.write();
                    const int set = manager()->pollFd();
+                   const Watched closed; // numbers that somebody has taken meanwhile
+                   const Watched file;
+                   manager()->runOnce(0);
+                   ::syscall(SYS_close, closed.fd->descriptor());
+                   ::dup2(::open("/proc/self/exe", O_RDONLY), file.fd->descriptor());
                    reused ? ::dup2(1, set) : ::close(set);
                    EXPECT_EQ(manager()->runOnce(1000), 1);
                    EXPECT_TRUE(readableNow(manager()->pollFd()));

@@ -73,6 +73,9 @@ void theContextSaysWhatIsKept(World& world) {
       EXPECT_EQ(openInChild(world, context), expected);
       EXPECT_FALSE(context && context->skipFd(next.write)) << "the child's own";
    }
+   unkept->skipFdDelAll();
+   Context::SkipFdMap::Iterator none(&unkept->skipFd());
+   EXPECT_FALSE(unkept->skipFdDel(none) || unkept->skipFd().members() != 0);
 }
 
 // With the listing, without room for it, without /proc, without entries in it, with a lowered
@@ -135,7 +138,10 @@ void theManagersDescriptorsAreClosed(World& world) {
          if (way != nullptr) {
             way(nullptr);
          }
-         const std::set<int> all = {1, 2, kept.fd->descriptor(), kept.writeEnd};
+         std::set<int> all = {1, 2, kept.fd->descriptor(), kept.writeEnd};
+         if (way != nullptr) {
+            all.insert(manager()->pollFd());
+         }
          gate.open(); // at the latest now: its own end is closed
          Zor::childProcessTrackerCloseFds(keeping(all));
          EXPECT_EQ(openDescriptors(), all);

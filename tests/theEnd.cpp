@@ -14,6 +14,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using Vel::Ptr;
 
 // ---- how it ended ----
 
@@ -286,6 +287,7 @@ void thereIsNoTimer(World& world) {
          ::_exit(8);
       }));
       awaitZombie(child->pid());
+      EXPECT_GE(manager()->runOnce(-1), 1);
       expectEnd(child, Siginfo::exited, 8);
       gate.open();
    }
@@ -377,6 +379,32 @@ void itsDescriptorsAreOdd(World& world) {
    manager()->fdDel(pipe);
    EXPECT_EQ(siginfo->childPipe()->descriptor(), -1);
    EXPECT_EQ(::close(pipe), 0);
+
+   int ends[2]; // one that can't be read, and has ended
+   EXPECT_EQ(::pipe(ends), 0);
+   ::close(ends[0]);
+   expectEnd(world.tracker->processIs(::getppid(), "unreadable", ends[1]), Siginfo::lost, 0,
+             Siginfo::unknown);
+
+   EXPECT_EQ(::pipe(ends), 0); // one whose record is gone, but not what watches it
+   Ptr<Zor::ChildProcess> gone = world.tracker->processIs(::getppid(), "gone", ends[0]);
+   const auto reactor = gone->siginfo()->childPipeReactor();
+   gone = nullptr;
+   world.tracker->processDelAll();
+   ::close(ends[1]);
+   expectQuiet(20, 2);
+   EXPECT_FALSE(reactor->isRegisteredNotifiee());
+}
+
+void itHasNoPipe(World&) {
+   const int pid = ::fork();
+   if (pid == 0) {
+      ::_exit(3);
+   }
+   const auto siginfo = Vel::newEntity<Siginfo>("pipeless", pid);
+   siginfo->childPipeReactorIs(nullptr, siginfo);
+   EXPECT_TRUE(runUntil([&] { return siginfo->signalCode() == Siginfo::exited; }));
+   EXPECT_EQ(siginfo->exitStatus(), 3);
 }
 
 void theClosingWalkTakesItsDescriptors(World& world) {
@@ -454,7 +482,7 @@ INSTANTIATE_TEST_SUITE_P(
                                     FAULT(otherCodeTookItWhileThePidfdWasGone),
                                     FAULT(theKernelIsOlder), FAULT(thereIsNoTimer),
                                     FAULT(itIsForgottenOrUnknown), FAULT(itIsAStranger),
-                                    FAULT(itsDescriptorsAreOdd),
+                                    FAULT(itsDescriptorsAreOdd), FAULT(itHasNoPipe),
                                     FAULT(theClosingWalkTakesItsDescriptors),
                                     FAULT(twentyHooksThrowAndEachIsHeardOf), FAULT(manyAreIdle)),
                     testing::Bool()),

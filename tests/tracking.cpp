@@ -66,6 +66,13 @@ TEST_F(Tracking, AKnownNumberIsTheSameRecordOrRefused) {
       }
    };
    EXPECT_THROW(tracker->processIs(8, {}, unused), std::runtime_error);
+   tracker->called = [&](const std::string& call) {
+      if (call == "childProcessIs") {       // also when the record has no siginfo any more
+         tracker->process(9)->siginfoDel(); // and with it the descriptor
+         throw std::runtime_error("registering");
+      }
+   };
+   EXPECT_THROW(record(9), std::runtime_error);
    EXPECT_EQ(tracked(), std::set{7});
    EXPECT_FALSE(manager()->fd(unused));
    EXPECT_EQ(::close(unused), 0) << "whoever is refused keeps the descriptor";
@@ -81,7 +88,10 @@ TEST_F(Tracking, RemovingTakesTheReactorAlongAndIsSeenByADerivedTracker) {
    EXPECT_EQ(tracker->processDel(1)->pid(), 1);
    EXPECT_TRUE(reactor->velMarkedForDeletion() && reactor->siginfo()->velMarkedForDeletion());
    EXPECT_EQ(reactor->childProcessTrackerSm(), nullptr);
-   EXPECT_FALSE(tracker->processDel(1));
+   Sm::ProcessMap::Iterator none(nullptr);
+   Sm::ChildProcessMap::Iterator nobody(nullptr);
+   EXPECT_FALSE(tracker->processDel(1) || tracker->Sm::processDel(none) ||
+                tracker->Sm::childProcessDel(nobody));
    tracker->childProcessDelAll();
    EXPECT_EQ(tracker->process().members(), 2U);
    tracker->processDelAll();
@@ -140,7 +150,20 @@ TEST_F(Tracking, WhatAReactorHasAlreadyIsNothingNew) {
    EXPECT_TRUE(calls.empty() && reactor->siginfo() == follower);
    EXPECT_EQ(reactor->siginfoDel(), child->siginfo());
    EXPECT_FALSE(reactor->siginfoDel());
-   reactor->siginfoIs(nullptr);
+   for (const bool marked : {false, true}) { // without an owner, then without anything
+      follower->velMarkedForDeletionIs(marked);
+      follower->notifierIs(marked ? Vel::Ptr<Siginfo>() : Vel::newEntity<Siginfo>("other", 7));
+      follower->onSignalCode();
+   }
+   follower->velDoZombieReactors(false);
+   reactor->siginfoIs(child->siginfo());
+   reactor->siginfo()->notifierIs(nullptr);
+   reactor->siginfoIs(nullptr); // it follows nobody, and stays
+   EXPECT_TRUE(reactor->siginfo());
+   reactor->notifierIs(nullptr);
+   reactor->onSiginfo();
+   EXPECT_FALSE(Vel::newEntity<Reactor>(nullptr, nullptr)->siginfo());
+   EXPECT_TRUE(calls.empty());
    EXPECT_THROW(tracker->childProcessIs(nullptr), Vel::RangeException);
    EXPECT_THROW(child->siginfo()->childPipeReactorIs(nullptr, nullptr), Vel::RangeException);
    EXPECT_EQ(tracker->auditErrors(~0U) + tracker->auditErrors(1), 0U);
