@@ -1,5 +1,4 @@
-// What the tests of generic access share: a small world with handles on it, and the front's
-// operations by a letter.
+// What the tests of generic access share: a small world with handles on it.
 #pragma once
 
 #include "TrackerFixture.h"
@@ -79,37 +78,3 @@ class GenericAccess : public TrackerTest {
    Vel::Ptr<Context> context;
    Handle sm, childIf, contextIf;
 };
-
-// An operation by the letter of its name, n for the number of members; on a name or a record.
-template <class Attr> Handle operate(const Handle& on, char op, const Attr& attr, const Values& v) {
-   const auto with = [&v](const auto& use) {
-      return v.empty()       ? use()
-             : v.size() == 1 ? use(v[0])
-             : v.size() == 2 ? use(v[0], v[1])
-                             : use(v[0], v[1], v[2]);
-   };
-   const GenericValue key = v.empty() ? GenericValue(0) : v[0];
-   switch (op) {
-   case 'r':
-      return v.empty() ? on->read(attr) : on->read(attr, key);
-   case 'w':
-      return with([&](const auto&... each) { return on->write(attr, each...); });
-   case 'd':
-      return v.empty() ? on->del(attr) : on->del(attr, key);
-   case 'c':
-      with([&](const auto&... each) { return on->call(attr, each...), Handle(); });
-      return nullptr;
-   case 'h':
-      return plain(on->has(attr, key));
-   case 'i':
-      for (const auto& [at, value] : v.empty() ? on->iterate(attr) : on->iterate(attr, key)) {
-         EXPECT_NE(at, nullptr);
-      }
-      return nullptr;
-   case 'o':
-      on->watch(attr, [] {});
-      return nullptr;
-   default:
-      return plain(on->members(attr));
-   }
-}
