@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -48,14 +46,4 @@ template <class... T> std::vector<std::uint64_t> live() {
       return info != nullptr ? info->liveCount() : 0;
    };
    return {count(T::velAllocTrackTypeInfo_)...};
-}
-
-inline std::set<int> openDescriptors() {
-   std::set<int> open;
-   for (int descriptor = 0; descriptor < 256; ++descriptor) {
-      if (::fcntl(descriptor, F_GETFD) >= 0) {
-         open.insert(descriptor);
-      }
-   }
-   return open;
 }

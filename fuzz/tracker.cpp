@@ -1,8 +1,7 @@
 // Sequences of tracker operations with a few real children, and a hook that does the same to the
 // tracker that calls it.
+#include "Children.h"
 #include "Input.h"
-
-#include <Zor/ChildProcessTracker.h>
 
 #include <chrono>
 #include <csignal>
@@ -11,11 +10,6 @@
 #include <unistd.h>
 
 namespace {
-
-using Sm = Zor::ChildProcessTrackerSm;
-using Context = Zor::ChildProcessTrackerCloseFdsContext;
-using Siginfo = Vel::ChildSiginfo;
-using Child = Vel::Ptr<Zor::ChildProcess const>;
 
 constexpr int mostOperations = 200; // an input
 constexpr int mostForks = 8;
@@ -55,21 +49,6 @@ class Gate { // a pipe that children wait on until its last writer has closed it
  private:
    int ends_[2];
 };
-
-Vel::Ptr<Vel::ActivityManagerSm> manager() {
-   return Vel::ActivityImplFacility::activityManagerSm();
-}
-
-bool unreaped(int pid) {
-   siginfo_t info;
-   return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
-}
-
-std::vector<std::uint64_t> tallies() {
-   return live<Sm, Zor::ChildProcess, Sm::VelChildProcess, Sm::VelChildProcess::VelSiginfo, Context,
-               Context::VelSkipFd, Siginfo, Vel::FileDescriptor, Vel::PtrInterface::NotifieeConst,
-               Vel::String8::Data>();
-}
 
 class Play {
  public:
@@ -339,16 +318,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
    manager()->pollFd(); // its poll set stays, and so does the trace handle
    Zor::childProcessTrackerSmFactory()->handleTerminatedChildProcess(0);
    const auto tallied = tallies();
-   const auto open = openDescriptors();
+   const auto open = openDescriptors(256);
    {
       Input input(data, size);
       Play(input).run();
    }
    // The loop has yet to hear of those that a thief has reaped.
-   for (int turns = 1000; turns > 0 && openDescriptors() != open; --turns) {
+   for (int turns = 1000; turns > 0 && openDescriptors(256) != open; --turns) {
       manager()->runOnce(1);
    }
    require(tallies() == tallied, "every object ends");
-   require(openDescriptors() == open, "every descriptor is closed");
+   require(openDescriptors(256) == open, "every descriptor is closed");
    return 0;
 }

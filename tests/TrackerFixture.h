@@ -3,7 +3,7 @@
 // program only, since it replaces operator new and close.
 #pragma once
 
-#include <Zor/ChildProcessTracker.h>
+#include "../fuzz/Children.h"
 
 #include <Vel/Exception.h>
 #include <Vel/Trace.h>
@@ -14,25 +14,17 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <fcntl.h>
 #include <functional>
 #include <limits>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <new>
 #include <set>
 #include <string>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 inline int newsLeft = std::numeric_limits<int>::max(); // allocations until there is no memory
@@ -53,79 +45,10 @@ extern "C" int close(int descriptor) {
    return closeSays != 0 ? -1 : result;
 }
 
-using Sm = Zor::ChildProcessTrackerSm;
 using Reactor = Sm::VelChildProcess;
-using Context = Zor::ChildProcessTrackerCloseFdsContext;
-using Siginfo = Vel::ChildSiginfo;
-using Child = Vel::Ptr<Zor::ChildProcess const>;
 using Calls = std::vector<std::string>;
 
-// Memory that a child's findings come back in.
-template <class T> class Shared {
- public:
-   Shared()
-      : found_(::new (::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                             -1, 0)) T{}) {}
-   Shared(const Shared&) = delete;
-   Shared& operator=(const Shared&) = delete;
-   ~Shared() { ::munmap(found_, sizeof(T)); }
-   T& operator*() const { return *found_; }
-   T* operator->() const { return found_; }
-
- private:
-   T* found_;
-};
-
-// ---- what this system may not allow ----
-
-inline constexpr int cannot = 77;
-
-inline const Shared<const char*>& unavailableReason() {
-   static const Shared<const char*> reason;
-   return reason;
-}
-
-// Ends this process: what the case needs is not to be had here.
-[[noreturn]] inline void unavailable(const char* what) {
-   *unavailableReason() = what;
-   ::_exit(cannot);
-}
-
-// From here on the system call fails like that in this process; with an argument (counted from 0)
-// of that value only, unless it is negative.
-inline void refuse(unsigned number, unsigned error, int argument = -1, unsigned value = 0) {
-   const auto word = static_cast<unsigned>(offsetof(seccomp_data, args)) +
-                     8 * static_cast<unsigned>(argument < 0 ? 0 : argument);
-   const std::uint8_t otherwise = argument < 0 ? 0 : 1;
-   sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 3),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, word),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, otherwise),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-   };
-   const sock_fprog program{6, filter};
-   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-       ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-      unavailable("no seccomp filters");
-   }
-}
-
-inline void descriptorLimitIs(rlim_t limit) {
-   rlimit present{};
-   ::getrlimit(RLIMIT_NOFILE, &present);
-   present.rlim_cur = limit;
-   if (::setrlimit(RLIMIT_NOFILE, &present) != 0) {
-      unavailable("the limit of open descriptors can't be set");
-   }
-}
-
 // ---- the loop ----
-
-inline Vel::Ptr<Vel::ActivityManagerSm> manager() {
-   return Vel::ActivityImplFacility::activityManagerSm();
-}
 
 template <class Done> bool runUntil(Done done) {
    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -147,31 +70,6 @@ inline void expectQuiet(int ms, std::uint64_t wakeups) {
 }
 
 // ---- processes and descriptors ----
-
-inline std::set<int> openDescriptors() {
-   std::set<int> open;
-   for (int descriptor = 0; descriptor < 6000; ++descriptor) {
-      if (::fcntl(descriptor, F_GETFD) >= 0) {
-         open.insert(descriptor);
-      }
-   }
-   return open;
-}
-
-// The numbers that the ends of the next pipe get.
-struct NextPipe {
-   NextPipe() : read(::dup(1)), write(::dup(1)) {
-      ::close(read);
-      ::close(write);
-   }
-   int read;
-   int write;
-};
-
-inline bool hasChildren() {
-   siginfo_t info;
-   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
-}
 
 inline void awaitZombie(int pid) {
    siginfo_t info;
@@ -204,18 +102,6 @@ inline int apart(const std::function<void()>& body) {
    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// A child's way out: with an exit status, or killed by the signal for a negative one.
-[[noreturn]] inline void endWith(int status) {
-   ::signal(-status, SIG_DFL);
-   sigset_t all;
-   ::sigfillset(&all);
-   ::sigprocmask(SIG_UNBLOCK, &all, nullptr);
-   if (status < 0) {
-      ::syscall(SYS_tgkill, ::getpid(), ::getpid(), -status);
-   }
-   ::_exit(status);
-}
-
 // Children wait at it until they are let through, one for each opening.
 class Gate {
  public:
@@ -241,14 +127,6 @@ class Gate {
  private:
    int ends_[2] = {-1, -1};
 };
-
-inline Vel::Ptr<Context> keeping(const std::set<int>& kept) {
-   const auto context = Vel::newEntity<Context>();
-   for (const int descriptor : kept) {
-      context->skipFdIs(descriptor, true);
-   }
-   return context;
-}
 
 // ---- the tracker ----
 
@@ -438,20 +316,6 @@ class World {
       open.erase(pollSet);
       return open;
    }
-   static std::vector<std::uint64_t> tallies() {
-      std::vector<std::uint64_t> live;
-      for (const auto* info :
-           {Sm::velAllocTrackTypeInfo_, Zor::ChildProcess::velAllocTrackTypeInfo_,
-            Reactor::velAllocTrackTypeInfo_, Reactor::VelSiginfo::velAllocTrackTypeInfo_,
-            Context::velAllocTrackTypeInfo_, Context::VelSkipFd::velAllocTrackTypeInfo_,
-            Siginfo::velAllocTrackTypeInfo_, Vel::FileDescriptor::velAllocTrackTypeInfo_,
-            Vel::PtrInterface::NotifieeConst::velAllocTrackTypeInfo_,
-            Vel::String8::Data::velAllocTrackTypeInfo_}) {
-         live.push_back(info != nullptr ? info->liveCount() : 0);
-      }
-      return live;
-   }
-
    std::vector<std::uint64_t> tallies_;
    std::set<int> open_;
    std::vector<int> writeEnds_;
