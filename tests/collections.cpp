@@ -4,20 +4,16 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <set>
 #include <string>
 #include <utility>
 
 namespace {
 
-using Vel::PtrInterface;
 using Vel::reversedBits;
 using Step = Map::Iterator;
 
 std::uint64_t live() { return Entry::velAllocTrackTypeInfo_->liveCount(); }
-
-void removed(MapModel& both, Entry* entry) { both.map.deleteMember(Vel::Ptr<PtrInterface>(entry)); }
 
 class Collections : public testing::Test {
  protected:
@@ -79,19 +75,6 @@ TEST_F(Collections, ChangingTheMapAtEachStepSkipsNobodyAndMeetsNobodyTwice) {
    }
 }
 
-TEST_F(Collections, AnIteratorBeginsAtItsKeyOrWithWhatFollowsIt) {
-   MapModel both(50);
-   for (int key = -100; key < 200; ++key) {
-      both.remove(3 * key);
-      Step it(&both.map, key);
-      for (auto at = both.model.lower_bound(hash(key)); at != both.model.end(); ++at, ++it) {
-         ASSERT_EQ(it.ptr(), at->second) << key;
-      }
-      ++it; // the end stays the end
-      EXPECT_FALSE(it || Step(nullptr));
-   }
-}
-
 TEST_F(Collections, GrowsToAMillionAndShrinksBackFindingAllOfThem) {
    const auto keyOf = [](std::size_t number) { // all over the range, each once
       return static_cast<int>(static_cast<unsigned>(number) * 2654435761U);
@@ -117,8 +100,8 @@ TEST_F(Collections, AnEntryWhoseKeyChangedInTheMapIsStillFoundToBeRemoved) {
       for (int other = 8; other < 900; ++other) {
          other < others ? static_cast<void>(both.insert(other)) : both.remove(other);
       }
-      removed(both, changed.get());
-      removed(both, changed.get()); // no member any more: nothing
+      both.map.deleteMember(changed);
+      both.map.deleteMember(changed); // no member any more: nothing
       EXPECT_EQ(changed->references(), 1U);
       EXPECT_STREQ(both.violation(), "");
    }
@@ -154,28 +137,6 @@ TEST_F(Collections, NoNumberOfEntriesInOneChainEndsThemRecursively) {
    MapModel both;
    for (unsigned number = 100'000; number-- > 0;) { // few chains, each one to the head of its own
       both.insert(static_cast<int>(reversedBits(number)));
-   }
-}
-
-TEST_F(Collections, AnEndingEntryMayRemoveOthers) {
-   void (*const ways[])(std::unique_ptr<MapModel>&) = {
-      [](auto& both) { both.reset(); },
-      [](auto& both) { both->map.emptyAllBuckets(); },
-      [](auto& both) { both->remove(0); },
-   };
-   for (const auto endAll : ways) {
-      auto both = std::make_unique<MapModel>(300);
-      for (const auto& [place, entry] : both->model) {
-         entry->ending = [key = entry->key, map = &both->map] {
-            for (const int other : {key ^ 1, (key + 1) % 300, key * 7 % 300}) {
-               if (Entry* const victim = (*map)[other]) {
-                  map->deleteMember(Vel::Ptr<PtrInterface>(victim));
-               }
-            }
-         };
-      }
-      endAll(both);
-      EXPECT_TRUE(live() == 0 && (!both || both->map.members() == 0));
    }
 }
 
