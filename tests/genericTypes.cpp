@@ -161,41 +161,39 @@ class GenericOperations : public GenericAccess {
    }
 
    std::set<std::string> lines() const {
-      const auto numbered = [](const char* name, auto n) { return name + std::to_string(n); };
+      std::set<std::string> all;
+      const auto add = [&all](const char* name, auto n) { all.insert(name + std::to_string(n)); };
       const Child last = tracker->lastFailedProcess();
-      std::set<std::string> all{numbered("last ", last ? last->pid() : 0),
-                                numbered("error ", tracker->lastFailedProcessTerminationError()),
-                                numbered("successes ", tracker->successfulTerminationCount()),
-                                numbered("errors ", tracker->errorTerminationCount())};
-      if (child->siginfo()) {
-         all.insert(child->siginfo()->name().charPtr());
+      add("last ", last ? last->pid() : 0);
+      add("error ", tracker->lastFailedProcessTerminationError());
+      add("successes ", tracker->successfulTerminationCount());
+      add("errors ", tracker->errorTerminationCount());
+      for (const auto& process : tracker->process()) {
+         add("process ", process.pid());
       }
-      for (auto it = tracker->process().begin(); it; ++it) {
-         all.insert(numbered("process ", it->pid()));
+      for (const auto& reactor : tracker->childProcess()) {
+         add("reactor ", reactor.fwkKey());
       }
-      for (auto it = tracker->childProcess().begin(); it; ++it) {
-         all.insert(numbered("reactor ", it->fwkKey()));
+      for (const auto& skipFd : context->skipFd()) {
+         add(skipFd.value() ? "keep " : "skip ", skipFd.fwkKey());
       }
-      for (auto it = context->skipFd().begin(); it; ++it) {
-         all.insert(numbered(it->value() ? "keep " : "skip ", it->fwkKey()));
-      }
+      all.insert(child->siginfo() ? child->siginfo()->name().charPtr() : "no siginfo");
       return all;
    }
    // The virtual operations called, and what of the state is new (+) or gone (-).
    std::string effect() const {
       std::string text;
       for (const std::string& call : calls) {
-         text += call + ", ";
+         text += ", " + call;
       }
       const auto now = lines();
-      const auto add = [&text](const char* mark, const auto& from, const auto& without) {
-         for (const std::string& line : from) {
-            text += without.contains(line) ? "" : mark + line + ", ";
-         }
-      };
-      add("+", now, before);
-      add("-", before, now);
-      return text.substr(0, text.size() - (text.empty() ? 0 : 2));
+      for (const std::string& line : now) {
+         text += before.contains(line) ? "" : ", +" + line;
+      }
+      for (const std::string& line : before) {
+         text += now.contains(line) ? "" : ", -" + line;
+      }
+      return text.substr(text.empty() ? 0 : 2);
    }
 
    static std::string shown(const Handle& handle) {
@@ -262,8 +260,8 @@ const GenericOperations::Row GenericOperations::rows[] = {
    {childType, 0x83, 0, nothing, "\"worker\"", ""},
    {childType, 0x85, 0, nothing, siginfo41, ""},
    {childType, 0x85, 1, siginfo, siginfo41, "+end, -ChildSiginfo-41"},
-   {childType, 0x85, 2, nothing, siginfo41, "-ChildSiginfo-41"},
-   {childType, 0x86, 8, pipe, "none", "+ChildSiginfo-41"},
+   {childType, 0x85, 2, nothing, siginfo41, "+no siginfo, -ChildSiginfo-41"},
+   {childType, 0x86, 8, pipe, "none", "+ChildSiginfo-41, -no siginfo"},
 };
 
 void GenericOperations::check(const VelType& type, Vel::PtrInterface* object, unsigned id,
