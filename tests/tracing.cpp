@@ -45,10 +45,11 @@ TEST_F(Tracing, EachLevelOfANameIsSwitchedByItselfBeforeOrAfterTheHandleExists) 
    TraceHandle early("Early", false), late("Late", false), same("Late", false), all("All", true);
    EXPECT_TRUE(traced(early, 8) && !traced(early, 7) && !traced(early, 40) && !traced(late, 8));
    EXPECT_TRUE(traced(all, 0) && traced(all, 63) && !traced(all, 64));
+   TraceFacility::levelEnabledIs("Late", 8, true);
    TraceFacility::levelEnabledIs("Late", 63, true);
-   EXPECT_TRUE(traced(late, 63) && traced(same, 63) && !traced(late, 31));
+   EXPECT_TRUE(traced(late, 63) && traced(same, 8) && !traced(late, 31));
    TraceFacility::levelEnabledIs("Late", 63, false);
-   EXPECT_FALSE(traced(late, 63));
+   EXPECT_TRUE(!traced(late, 63) && traced(late, 8));
    EXPECT_THROW(TraceFacility::levelEnabledIs("Late", 64, true), std::runtime_error);
 }
 
@@ -59,14 +60,12 @@ TEST_F(Tracing, ASinkThatThrowsOrTracesItselfOrSetsAnErrorDisturbsNothing) {
       throw std::runtime_error("full");
    });
    errno = ENOENT;
-   EXPECT_TRUE(traced(handle, 1));
-   EXPECT_EQ(errno, ENOENT);
+   EXPECT_TRUE(traced(handle, 1) && errno == ENOENT);
    TraceFacility::sinkIs([&](auto...) {
       SetUp(); // ends the function that is running
       traced(handle, 2);
    });
    traced(handle, 1);
-   EXPECT_EQ(received, "Sink2File63function|");
    EXPECT_THROW(traced(handle, 8, [](auto&) { throw std::runtime_error("no text"); }),
                 std::runtime_error);
    EXPECT_EQ(received, "Sink2File63function|");
@@ -77,14 +76,11 @@ TEST_F(Tracing, WithoutASinkAMessageIsOneLineOnStandardErrorWithControlCharacter
    TraceFacility::sinkIs({});
    testing::internal::CaptureStderr();
    traced(handle, 8, [](std::ostream& stream) {
-      stream << std::string_view("a\n\x1b[1m\0\x7f\xc3\xa9", 10) << Vel::String8("end");
+      stream << std::string_view("a\n\x1b[1m\0\x7f\xc3\xa9", 10) << Vel::String8("text");
    });
    const std::string line = testing::internal::GetCapturedStderr();
-   EXPECT_THAT(line, testing::MatchesRegex("Line.x0a.*8.*File:63.*function.*"));
-   EXPECT_THAT(line, testing::EndsWith(R"(a\x0a\x1b[1m\x00\x7f)"
-                                       "\xc3\xa9"
-                                       "end\n"));
-   EXPECT_EQ(line.find('\n'), line.size() - 1);
+   EXPECT_THAT(line, testing::MatchesRegex("Line.x0a[^\n]*8[^\n]*File:63[^\n]*function[^\n]*\n"));
+   EXPECT_THAT(line, testing::EndsWith("a\\x0a\\x1b[1m\\x00\\x7f\xc3\xa9text\n"));
 }
 
 } // namespace
