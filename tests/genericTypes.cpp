@@ -168,8 +168,8 @@ class GenericOperations : public GenericAccess {
       add("error ", tracker->lastFailedProcessTerminationError());
       add("successes ", tracker->successfulTerminationCount());
       add("errors ", tracker->errorTerminationCount());
-      for (const auto& process : tracker->process()) {
-         add("process ", process.pid());
+      for (const auto& entry : tracker->process()) {
+         add("process ", entry.pid());
       }
       for (const auto& reactor : tracker->childProcess()) {
          add("reactor ", reactor.fwkKey());
