@@ -199,23 +199,6 @@ TEST_F(Activity, ANestedCallDeliversWhatWasFetchedFirstAndEachCallReturnsItsOwn)
    EXPECT_EQ(manager()->runOnce(0), 0);
 }
 
-TEST_F(Activity, AnExceptionComesOutAndTheOthersAreStillDelivered) {
-   Watched five[5];
-   for (const Watched& each : five) {
-      each.write();
-      each.watcher->heard = [&each] {
-         each.read();
-         throw std::runtime_error("rude");
-      };
-   }
-   for (int at = 0; at < 5; ++at) {
-      EXPECT_TRUE(readableNow(manager()->pollFd())) << at;
-      EXPECT_THROW(manager()->runOnce(0), std::runtime_error);
-   }
-   EXPECT_FALSE(readableNow(manager()->pollFd()));
-   EXPECT_EQ(manager()->runOnce(0), 0);
-}
-
 TEST_F(Activity, StopEndsTheInnermostRun) {
    manager()->stop(); // of nothing, and not of the run to come
    Watched watched;

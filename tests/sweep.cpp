@@ -1,7 +1,8 @@
 // Every system call and every allocation of the tracker's run path fails in turn: the n-th for
 // every n, once and from then on. Whatever fails, nothing is lost, leaked or left running.
+#include "../fuzz/Children.h"
+
 #include <Vel/GenericIf.h>
-#include <Zor/ChildProcessTracker.h>
 
 #include <atomic>
 #include <cerrno>
@@ -9,16 +10,11 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/timerfd.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -37,8 +33,7 @@ struct Plan {
 };
 
 Plan& plan() {
-   static auto* const shared = static_cast<Plan*>(
-      ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+   static const Shared<Plan> shared;
    return *shared;
 }
 
@@ -169,8 +164,6 @@ struct Counting : Zor::ChildProcessTrackerSm {
    unsigned lost = 0;
 };
 
-Vel::Ptr<Vel::ActivityManagerSm> loop() { return Vel::ActivityImplFacility::activityManagerSm(); }
-
 template <class Act> void tolerant(const Act& act) {
    try {
       act();
@@ -179,27 +172,10 @@ template <class Act> void tolerant(const Act& act) {
    }
 }
 
-std::string openDescriptors() {
-   std::string open;
-   for (int descriptor = 0; descriptor < 256; ++descriptor) {
-      open +=
-         ::syscall(SYS_fcntl, descriptor, F_GETFD) >= 0 ? std::to_string(descriptor) + ' ' : "";
-   }
-   return open;
-}
-
-bool hasChildren() {
-   siginfo_t info{};
-   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
-}
-
 // In the child, after the closing walk: only its status pipe may be open, whatever failed.
 [[noreturn]] void childEnds(int status) {
    plan().armed = plan().where != childCalls && plan().armed;
-   int open = 0;
-   for (int descriptor = 0; descriptor < 256; ++descriptor) {
-      open += ::syscall(SYS_fcntl, descriptor, F_GETFD) >= 0;
-   }
+   const auto open = static_cast<int>(openDescriptors(256).size());
    ::_exit(open == 1 ? status : 200 + open);
 }
 
@@ -207,19 +183,19 @@ class Life {
  public:
    void run() {
       tolerant([&] { tracker_ = Zor::newTracker<Counting>(); });
-      Vel::Ptr<Zor::ChildProcessTrackerCloseFdsContext> keep;
-      tolerant([&] { keep = Vel::newEntity<Zor::ChildProcessTrackerCloseFdsContext>(); });
+      Vel::Ptr<Context> keep;
+      tolerant([&] { keep = Vel::newEntity<Context>(); });
       for (const int status : {0, 3}) {
          tolerant([&] { start(status, keep); });
       }
       for (int round = 0; round < 4; ++round) {
-         tolerant([&] { loop()->runOnce(2); });
+         tolerant([&] { manager()->runOnce(2); });
       }
    }
    // The faults are over: everything that was started must come to its end.
    void finish() {
       for (int round = 0; round < 300 && (hasChildren() || left() != 0); ++round) {
-         loop()->runOnce(10);
+         manager()->runOnce(10);
       }
       EXPECT_FALSE(hasChildren());
       EXPECT_EQ(left(), 0U);
@@ -236,7 +212,7 @@ class Life {
 
  private:
    unsigned left() const { return tracker_ ? tracker_->process().members() : 0; }
-   void start(int status, const Vel::Ptr<Zor::ChildProcessTrackerCloseFdsContext>& keep) {
+   void start(int status, const Vel::Ptr<Context>& keep) {
       if (!tracker_ || !keep) {
          return;
       }
@@ -263,7 +239,7 @@ class Life {
 // The same for what runs no child: entities, collections, strings and watches by name.
 void access() {
    tolerant([] {
-      const auto context = Vel::newEntity<Zor::ChildProcessTrackerCloseFdsContext>();
+      const auto context = Vel::newEntity<Context>();
       const auto kept = Vel::GenericIf::of(context);
       for (int descriptor = 0; descriptor < 9; ++descriptor) {
          kept->write("skipFd", descriptor, true);
@@ -279,7 +255,7 @@ long sweep(Where where, bool onwards) {
    long points = 0;
    for (long at = 0;; ++at) {
       SCOPED_TRACE("point " + std::to_string(at) + (onwards ? " and on" : ""));
-      const std::string before = openDescriptors();
+      const auto before = openDescriptors(256);
       const long balanceBefore = balance;
       {
          Life life;
@@ -296,7 +272,7 @@ long sweep(Where where, bool onwards) {
          now.armed = false;
          life.finish();
       }
-      EXPECT_EQ(openDescriptors(), before);
+      EXPECT_EQ(openDescriptors(256), before);
       EXPECT_EQ(balance, balanceBefore);
       if (plan().failed == 0 || ::testing::Test::HasFailure()) {
          return points;
