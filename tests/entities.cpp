@@ -95,6 +95,7 @@ TEST_F(Entities, HandlesAreCopiedAndDroppedOnSeveralThreadsOnceTheSwitchIsOn) {
    const String8 text("shared");
    std::vector<Handle> plain(10, shared);
    VFPtrInterface::enableThreadSafePointers = true;
+   std::atomic<int> running = 4;
    std::vector<std::jthread> threads;
    for (int thread = 0; thread < 4; ++thread) {
       threads.emplace_back([&] {
@@ -102,10 +103,12 @@ TEST_F(Entities, HandlesAreCopiedAndDroppedOnSeveralThreadsOnceTheSwitchIsOn) {
             const std::vector<Handle> copies(20, shared);
             EXPECT_EQ(String8(text).length() + Vel::newEntity<Probe>()->references(), 7U);
          }
+         --running;
       });
    }
-   for (int round = 0; round < 200000; ++round) {
-      shared->hasNotificationActiveIs(round % 2 == 0);
+   while (running != 0) {
+      shared->hasNotificationActiveIs(true);
+      shared->hasNotificationActiveIs(false);
    }
    threads.clear();
    VFPtrInterface::enableThreadSafePointers = false;
@@ -138,7 +141,7 @@ TEST_F(Entities, StringsHoldWriteJoinAndShareAnyBytes) {
    out << std::setw(20) << text << String8() << (String8(null) + null + "end");
    EXPECT_EQ(out.str(), bytes + "end");
    EXPECT_EQ(text + text, String8(bytes + bytes));
-   EXPECT_FALSE(text == String8("a"));
+   EXPECT_FALSE(text == String8("a") || text == String8(std::string_view("a\0\xff\n%e", 6)));
    EXPECT_EQ((text + null).charPtr(), text.charPtr()) << "a copy shares its characters";
    String8 filled;
    filled.init("unlinked", 2, 4);
