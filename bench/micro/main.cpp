@@ -36,7 +36,7 @@ class Collecting : public benchmark::ConsoleReporter {
 
 // The given arguments come behind these, and so win.
 std::vector<char*> arguments(int count, char** given) {
-   static std::string always[] = {"--benchmark_repetitions=45", "--benchmark_min_time=0.01",
+   static std::string always[] = {"--benchmark_repetitions=25", "--benchmark_min_time=0.01",
                                   "--benchmark_enable_random_interleaving=true"};
    std::vector<char*> all{given[0]};
    for (std::string& flag : always) {
