@@ -154,6 +154,11 @@ TEST_F(GenericAccess, RefusesNamesThatItDoesNotKnow) {
       {[](auto& on) { on->read(childType->attrs); },
        "Zor::ChildProcess.pid: not an attribute of Zor::ChildProcessTrackerSm"},
       {[](auto&) { plain(41)->boolValue(); }, "expected bool, got int"},
+      {[](auto& on) {
+          GenericArgs args{plain(true)};
+          on->attributeOp({on->attr("handleTerminatedChildProcess"), 8}, nullptr, &args);
+       },
+       "Zor::ChildProcessTrackerSm.handleTerminatedChildProcess: expected (pid S32)"},
       {[](auto&) { GenericIf::create("Zor::Tracker"); }, "no type Zor::Tracker"},
       {[](auto&) { GenericIf::create(smType->name, 1); },
        "Zor::ChildProcessTrackerSm: expected (), got 1 value"},
