@@ -1,0 +1,58 @@
+// Whole lives: from the fork until the child is forgotten.
+#include "Clock.h"
+#include "Measures.h"
+#include "Rows.h"
+#include "Worker.h"
+
+#include <string>
+
+namespace Bench {
+
+namespace {
+
+constexpr int rounds = 41;
+constexpr std::size_t livesPerTurn = 64;
+
+// So many are running at any time, once that many have been started.
+void live(Contestant& contestant, std::size_t outstanding) {
+   for (std::size_t lived = 0; lived < livesPerTurn; ++lived) {
+      contestant.start(Body::ends);
+      contestant.attendUntil(outstanding - 1);
+   }
+   contestant.attendUntil(0);
+}
+
+double wall(Stage& stage, std::size_t outstanding) {
+   return timesOf([&] { live(*stage.contestant, outstanding); }).wall;
+}
+
+double cpu(Stage& stage, std::size_t outstanding) {
+   return timesOf([&] { live(*stage.contestant, outstanding); }).cpu;
+}
+
+// The bound is this library's; the others are printed beside it.
+void rows(const Workers& workers, const std::string& what, Task task, std::size_t outstanding,
+          const char* bound) {
+   const auto figures = alternate(workers, task, outstanding, rounds);
+   for (std::size_t at = 1; at < workers.size(); ++at) {
+      row(what + ": " + workers[at]->name(), medianRatio(figures[at], figures[0]),
+          at == 1 ? bound : "printed", "against the floor");
+   }
+}
+
+} // namespace
+
+void measureLives() {
+   const Workers workers = allWorkers();
+   rows(workers, "life, one at a time, wall time", &wall, 1, "<= 1.03");
+   rows(workers, "life, 64 outstanding, parent's CPU time", &cpu, 64, "<= 1.08");
+   for (const std::size_t outstanding : {1U, 4U, 16U, 64U}) {
+      const auto figures = alternate(workers, &cpu, outstanding, 11);
+      for (std::size_t at = 1; at < workers.size(); ++at) {
+         point("life", workers[at]->name(), static_cast<double>(outstanding),
+               medianRatio(figures[at], figures[0]));
+      }
+   }
+}
+
+} // namespace Bench
