@@ -90,13 +90,19 @@ inline void awaitZombie(int pid) {
    ::_exit(status);
 }
 
-// Runs the body in a process of its own, for what can't be undone: 0 when its expectations held.
-inline int apart(const std::function<void()>& body) {
+// A child that was not forked by a tracker.
+inline int outside(const std::function<void()>& body) {
    std::fflush(stdout);
-   const pid_t pid = ::fork();
+   const int pid = ::fork();
    if (pid == 0) {
       runAndExit(body);
    }
+   return pid;
+}
+
+// Runs the body in a process of its own, for what can't be undone: 0 when its expectations held.
+inline int apart(const std::function<void()>& body) {
+   const int pid = outside(body);
    int status = -1;
    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

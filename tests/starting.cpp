@@ -90,31 +90,6 @@ void pollSetIsFull(World& world) {
    }
 }
 
-// Whoever registers a number in vain keeps the descriptor.
-void nothingToWatchWith(World& world) {
-   const int unused = world.readEnd();
-   refuse(SYS_epoll_ctl, ENOMEM);
-   refuse(SYS_timerfd_create, EMFILE);
-   const auto open = openDescriptors();
-   const int pid = ::fork();
-   if (pid == 0) {
-      ::pause();
-   }
-   try {
-      world.tracker->processIs(pid, "outside", unused);
-      ADD_FAILURE();
-   } catch (const Vel::SystemException& thrown) {
-      EXPECT_EQ(thrown.error(), ENOMEM);
-   }
-   EXPECT_EQ(world.tracker->left(), 0U);
-   EXPECT_FALSE(manager()->fd(unused));
-   EXPECT_EQ(openDescriptors(), open);
-   EXPECT_EQ(::close(unused), 0);
-   ::kill(pid, SIGKILL);
-   EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
-   ::_exit(testing::Test::HasFailure()); // this process watches nothing any more
-}
-
 // A lasting refusal is found out once, one for want of something concerns its child alone.
 void pidfdsAreRefused(World& world) {
    const std::pair<int, bool> rows[] = {{ENOSYS, true}, {EPERM, true},   {EACCES, true},
@@ -125,11 +100,10 @@ void pidfdsAreRefused(World& world) {
          const Gate gate;
          int pipe[2];
          EXPECT_EQ(::pipe(pipe), 0);
-         const int first = ::fork();
-         if (first == 0) {
+         const int first = outside([&] {
             gate.pass();
             ::_exit(5);
-         }
+         });
          ::close(pipe[1]);
          manager()->pollFd(); // this process's own, before there is no room for it
          if (error == EMFILE) {
@@ -161,10 +135,7 @@ void theChildHasEndedBefore(World& world) {
    EXPECT_TRUE(forked && forked->siginfo()->signalCode() == Siginfo::none);
    expectEnd(forked, Siginfo::exited, 11);
    for (const int end : {world.readEnd(), -1}) { // a pipe that never ends, or none
-      const int pid = ::fork();
-      if (pid == 0) {
-         ::_exit(12);
-      }
+      const int pid = outside([] { ::_exit(12); });
       const Child child = world.tracker->processIs(pid, "outside", end);
       EXPECT_EQ(child->siginfo()->signalCode(), Siginfo::none);
       expectEnd(child, Siginfo::exited, 12);
@@ -381,12 +352,11 @@ INSTANTIATE_TEST_SUITE_P(
    Starting, Faults,
    testing::Combine(
       testing::Values(FAULT(noPipeOrNoProcess), FAULT(registrationThrows), FAULT(pollSetIsFull),
-                      FAULT(nothingToWatchWith), FAULT(pidfdsAreRefused),
-                      FAULT(theChildHasEndedBefore), FAULT(aStaleRecordHasTheNumber),
-                      FAULT(theNumberOfAReapedChildComesAgain), FAULT(standardDescriptorsAreClosed),
-                      FAULT(namesAndLocalesAreOdd), FAULT(threadsAreBusy),
-                      FAULT(theInitCallbackMisbehaves), FAULT(theHookGetsTheNumberOfTheReadEnd),
-                      FAULT(aStaleOwnerHasTheNumber)),
+                      FAULT(pidfdsAreRefused), FAULT(theChildHasEndedBefore),
+                      FAULT(aStaleRecordHasTheNumber), FAULT(theNumberOfAReapedChildComesAgain),
+                      FAULT(standardDescriptorsAreClosed), FAULT(namesAndLocalesAreOdd),
+                      FAULT(threadsAreBusy), FAULT(theInitCallbackMisbehaves),
+                      FAULT(theHookGetsTheNumberOfTheReadEnd), FAULT(aStaleOwnerHasTheNumber)),
       testing::Bool()),
    Faults::name);
 #undef FAULT

@@ -39,8 +39,6 @@ TEST_F(Tracking, TerminationErrorsConvertBothWays) {
       EXPECT_EQ(Zor::sequenceToValue(at, text.end(), &value), value);
       EXPECT_STREQ(at, ",");
    }
-   EXPECT_EQ(Sm::terminationErrorInstance(2U), Sm::signaled);
-   EXPECT_THROW(Sm::terminationErrorInstance(3U), Vel::RangeException);
 }
 
 // ---- registry ----
@@ -102,18 +100,6 @@ TEST_F(Tracking, RemovingTakesTheReactorAlongAndIsSeenByADerivedTracker) {
 }
 
 // ---- reactors ----
-
-TEST_F(Tracking, ARetargetedReactorFollowsTheNewObject) {
-   const auto first = record(7);
-   const Reactor* const reactor = tracker->childProcess(7);
-   const auto second = Vel::newEntity<Zor::ChildProcess>(7, "twin", readEnd());
-   tracker->childProcessIs(second);
-   EXPECT_EQ(tracker->childProcess(7), reactor);
-   endIs(*first, Siginfo::exited); // no longer watched
-   EXPECT_EQ(tracker->outcomes(), 0U);
-   second->siginfo()->signalCodeIs(Siginfo::killed); // the chain goes by number, to the first
-   EXPECT_EQ(tracker->outcomes(), 100U);
-}
 
 TEST_F(Tracking, TheSiginfoMayBeReplacedRemovedAndPutBack) {
    Calls calls;
