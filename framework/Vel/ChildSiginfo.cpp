@@ -43,7 +43,8 @@ void ChildSiginfo::ChildPipeReactor::onReadable() {
 // At most 64 KiB at once, so that a child that writes without end doesn't hold up the others.
 // Where reading blocks, only what is known to be there. False at the end of the pipe.
 bool ChildSiginfo::ChildPipeReactor::drained(const FileDescriptor& pipe) noexcept {
-   char dropped[16 * 1024];
+   // Not on the stack: reading the end of the pipe would touch a page far below, at a fault a life.
+   static char dropped[16 * 1024];
    for (int reads = pipe.nonBlocking() ? 4 : 1; reads > 0; --reads) {
       const ssize_t got = ::read(pipe.descriptor(), dropped, sizeof dropped);
       if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
@@ -126,7 +127,7 @@ ChildSiginfo::childPipeReactorIs(const Ptr<FileDescriptor const>& pipe,
       throwRangeException("a child pipe reactor reports to the siginfo that owns it");
    }
    const Ptr<ChildSiginfo> self(this); // a notifiee may drop every other handle on it
-   const Ptr<ChildPipeReactor> reactor = newEntity<ChildPipeReactor>(this);
+   Ptr<ChildPipeReactor> reactor = newEntity<ChildPipeReactor>(this);
    bool pipeWatched = false;
    int error = EBADF;
    if (signalCode_ == none) {

@@ -1,6 +1,7 @@
 #include <Vel/Exception.h>
 #include <Vel/String8.h>
 
+#include <charconv>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -112,26 +113,61 @@ std::ostream& operator<<(std::ostream& stream, const String8& text) {
    return stream.write(text.charPtr(), static_cast<std::streamsize>(text.length()));
 }
 
-String8 format(const char* format, ...) {
-   std::va_list arguments;
-   va_start(arguments, format);
-   char small[128]; // names and numbers fit; longer texts are formatted a second time
-   std::va_list again;
-   va_copy(again, arguments);
-   const int length = std::vsnprintf(small, sizeof small, format, arguments);
-   va_end(arguments);
-   std::vector<char> large;
-   const char* text = small;
-   if (length >= static_cast<int>(sizeof small)) {
-      large.resize(static_cast<std::size_t>(length) + 1);
-      std::vsnprintf(large.data(), large.size(), format, again);
-      text = large.data();
+namespace {
+
+constexpr std::size_t smallText = 128; // names and numbers fit; longer texts are printf's
+
+// Writes text that has no conversions but %d, as the names of a child's things have, and returns
+// its end; null for any other text, or for one that doesn't fit.
+char* formatPlain(char* out, const char* format, std::va_list arguments) {
+   constexpr std::size_t longestNumber = 11;
+   for (const char* const end = out + smallText - longestNumber; out < end; ++format) {
+      if (*format == '\0') {
+         return out;
+      }
+      if (*format != '%') {
+         *out++ = *format;
+      } else if (*++format == 'd') {
+         out = std::to_chars(out, out + longestNumber, va_arg(arguments, int)).ptr;
+      } else {
+         return nullptr;
+      }
    }
-   va_end(again);
+   return nullptr;
+}
+
+String8 formatByPrintf(const char* format, std::va_list arguments, std::va_list again) {
+   char small[smallText];
+   const int length = std::vsnprintf(small, sizeof small, format, arguments);
    if (length < 0) {
       throwRangeException("a format that can't be carried out");
    }
-   return String8(std::string_view(text, static_cast<std::size_t>(length)));
+   if (length < static_cast<int>(sizeof small)) {
+      return String8(std::string_view(small, static_cast<std::size_t>(length)));
+   }
+   std::vector<char> large(static_cast<std::size_t>(length) + 1);
+   std::vsnprintf(large.data(), large.size(), format, again);
+   return String8(std::string_view(large.data(), static_cast<std::size_t>(length)));
+}
+
+// Ends with the function that it stands in.
+struct Arguments {
+   std::va_list list;
+   ~Arguments() { va_end(list); }
+};
+
+} // namespace
+
+String8 format(const char* format, ...) {
+   Arguments plain, printed, again;
+   va_start(plain.list, format);
+   va_copy(printed.list, plain.list);
+   va_copy(again.list, plain.list);
+   char text[smallText];
+   if (const char* const end = formatPlain(text, format, plain.list)) {
+      return String8(std::string_view(text, static_cast<std::size_t>(end - text)));
+   }
+   return formatByPrintf(format, printed.list, again.list);
 }
 
 String8 valueToStrep(const String8& value) {

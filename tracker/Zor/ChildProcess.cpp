@@ -1,9 +1,7 @@
 // The record of one child, and the base of its watchers.
 #include <Zor/ChildProcessTracker.h>
 
-#include <charconv>
 #include <ostream>
-#include <string_view>
 #include <utility>
 
 namespace Zor {
@@ -11,15 +9,6 @@ namespace Zor {
 Vel::AllocTrackTypeInfo* ChildProcess::velAllocTrackTypeInfo_ = nullptr;
 
 namespace {
-
-// Put together by hand: this is done twice for each child.
-Vel::String8 numbered(std::string_view before, int number, std::string_view after = {}) {
-   char text[48];
-   char* end = text + before.copy(text, before.size());
-   end = std::to_chars(end, text + sizeof text, number).ptr;
-   end += after.copy(end, after.size());
-   return std::string_view(text, static_cast<std::size_t>(end - text));
-}
 
 void descriptorIs(Vel::FileDescriptor& pipe, int descriptor) {
    try {
@@ -43,8 +32,9 @@ ChildProcess::~ChildProcess() {
 
 void ChildProcess::handleInitialized(int readFromChildFd) {
    const Vel::Ptr<Vel::ChildSiginfo> siginfo = // a notifiee may take it away from the record
-      siginfoIs(numbered("ChildSiginfo-", pid_), pid_);
-   const Vel::Ptr<Vel::FileDescriptor> pipe = siginfo->childPipeIs(numbered("Child", pid_, "Pipe"));
+      siginfoIs(Vel::format("ChildSiginfo-%d", pid_), pid_);
+   const Vel::Ptr<Vel::FileDescriptor> pipe =
+      siginfo->childPipeIs(Vel::format("Child%dPipe", pid_));
    try {
       descriptorIs(*pipe, readFromChildFd);
       pipe->nonBlockingIs(true);
