@@ -27,6 +27,8 @@ template <class T> class Ptr {
    Ptr(const Ptr<U>& other) noexcept : object_(other.get()) {
       take();
    }
+   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+   Ptr(Ptr<U>&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
    ~Ptr() { drop(object_); }
 
    Ptr& operator=(const Ptr& other) {
@@ -63,12 +65,15 @@ template <class T> class Ptr {
    explicit operator bool() const noexcept { return object_ != nullptr; }
 
  private:
-   void take() const noexcept {
+   template <class U> friend class Ptr;
+   template <class U, class... Args> friend Ptr<U> newEntity(Args&&... args);
+
+   [[gnu::always_inline]] void take() const noexcept {
       if (object_ != nullptr) {
          object_->referencesInc();
       }
    }
-   static void drop(T* object) {
+   [[gnu::always_inline]] static void drop(T* object) {
       if (object != nullptr) {
          object->referencesDec();
       }
@@ -109,7 +114,7 @@ template <class T> class ValidPtr : public Ptr<T> {
 };
 
 // Makes an entity of class T: the allocation tallied in the class's velAllocTrackTypeInfo_, memory
-// from velMemAlloc, the constructor, a handle taken and the creation reference given up. Whatever
+// from velMemAlloc, the constructor, and a handle that takes the creation reference over. Whatever
 // throws on the way leaves nothing behind.
 template <class T, class... Args> Ptr<T> newEntity(Args&&... args) {
    constexpr auto size = static_cast<unsigned>(sizeof(T));
@@ -124,8 +129,8 @@ template <class T, class... Args> Ptr<T> newEntity(Args&&... args) {
       ::operator delete(memory);
       throw;
    }
-   Ptr<T> handle(made);
-   made->referencesDec();
+   Ptr<T> handle;
+   handle.object_ = made;
    return handle;
 }
 

@@ -13,20 +13,19 @@ void AllocTrackTypeInfo::trackAllocation(AllocTrackTypeInfo** slot, const std::t
                                          unsigned size) {
    std::atomic_ref<AllocTrackTypeInfo*> shared(*slot);
    AllocTrackTypeInfo* info = shared.load(std::memory_order_acquire);
-   if (info == nullptr) {
+   if (info == nullptr) [[unlikely]] {
       // Two threads may both find the slot empty; the one that is late drops its record.
       std::unique_ptr<AllocTrackTypeInfo> made(new AllocTrackTypeInfo(type, size));
       if (shared.compare_exchange_strong(info, made.get(), std::memory_order_acq_rel)) {
          info = made.release();
       }
    }
-   info->live_.fetch_add(1, std::memory_order_relaxed);
    info->total_.fetch_add(1, std::memory_order_relaxed);
 }
 
 void AllocTrackTypeInfo::trackDeallocation(AllocTrackTypeInfo* info) noexcept {
    if (info != nullptr) { // null: an object that newEntity didn't make
-      info->live_.fetch_sub(1, std::memory_order_relaxed);
+      info->freed_.fetch_add(1, std::memory_order_release);
    }
 }
 

@@ -23,19 +23,24 @@ struct VEL_EXPORT VFPtrInterface {
    static constexpr std::uint32_t zeroTestMask = 0x5fffffff;
 
    static void countInc(std::uint32_t& word) noexcept {
-      if (enableThreadSafePointers) {
+      if (enableThreadSafePointers) [[unlikely]] {
          std::atomic_ref(word).fetch_add(1);
       } else {
          ++word;
       }
    }
 
-   // Returns what the zero test looks at: zero when the last reference has just gone.
+   // Each returns what the zero test looks at: zero when the last reference has just gone.
    static std::uint32_t countDec(std::uint32_t& word) noexcept {
-      if (enableThreadSafePointers) {
-         return (std::atomic_ref(word).fetch_sub(1) - 1) & zeroTestMask;
-      }
-      return --word & zeroTestMask;
+      return enableThreadSafePointers ? sharedDec(word) : plainDec(word);
+   }
+   static std::uint32_t sharedDec(std::uint32_t& word) noexcept {
+      return (std::atomic_ref(word).fetch_sub(1) - 1) & zeroTestMask;
+   }
+   static std::uint32_t plainDec(std::uint32_t& word) noexcept {
+      --word;
+      asm("" : "+m"(word)); // changed and tested in place, without a register: two instructions
+      return word & zeroTestMask;
    }
 };
 
@@ -49,7 +54,10 @@ class VEL_EXPORT AllocTrackTypeInfo {
 
    const char* name() const noexcept { return type_.name(); } // as std::type_info has it
    unsigned size() const noexcept { return size_; }           // bytes of the first one allocated
-   std::uint64_t liveCount() const noexcept { return live_.load(std::memory_order_relaxed); }
+   std::uint64_t liveCount() const noexcept {
+      const std::uint64_t freed = freed_.load(); // before what it is taken from: never negative
+      return total_.load() - freed;
+   }
    std::uint64_t totalCount() const noexcept { return total_.load(std::memory_order_relaxed); }
 
  private:
@@ -58,8 +66,8 @@ class VEL_EXPORT AllocTrackTypeInfo {
 
    const std::type_info& type_;
    unsigned size_;
-   std::atomic<std::uint64_t> live_{0};
    std::atomic<std::uint64_t> total_{0};
+   std::atomic<std::uint64_t> freed_{0};
 };
 
 // Base of everything that outlives a call. Owned by counted handles (Ptr); made by newEntity.
@@ -98,13 +106,14 @@ class VEL_EXPORT PtrInterface {
       return std::atomic_ref(references_).load(std::memory_order_relaxed);
    }
    void referencesInc() const noexcept { VFPtrInterface::countInc(references_); }
-   // Returns the masked count that is left; at zero the object has been finished.
-   std::uint32_t referencesDec() const {
-      const std::uint32_t left = VFPtrInterface::countDec(references_);
-      if (left == 0) {
-         handleZeroRef();
+   // Returns the masked count that is left; at zero the object has been finished. Always inline:
+   // the compiler weighs the way of several threads as well, and would make it a call. Not by
+   // countDec: with a test behind each way it keeps the plain one short.
+   [[gnu::always_inline]] std::uint32_t referencesDec() const {
+      if (VFPtrInterface::enableThreadSafePointers) [[unlikely]] {
+         return finishedAtZero(VFPtrInterface::sharedDec(references_));
       }
-      return left;
+      return finishedAtZero(VFPtrInterface::plainDec(references_));
    }
    // Finishes the object: whoever finds the masked count at zero calls it, once, and does not
    // touch the object afterwards. Taking a handle for longer than the finishing is asserted.
@@ -125,6 +134,13 @@ class VEL_EXPORT PtrInterface {
    static void velMemFree(AllocTrackTypeInfo* info, void* memory) noexcept;
 
  private:
+   std::uint32_t finishedAtZero(std::uint32_t left) const {
+      if (left == 0) [[unlikely]] {
+         handleZeroRef();
+      }
+      return left;
+   }
+
    mutable std::uint32_t references_;
 };
 

@@ -51,7 +51,7 @@ Vel::Ptr<ChildProcess> Sm::processIs(int pid, Vel::String8 description, int read
 }
 
 Vel::Ptr<ChildProcess> Sm::newProcess(int pid, Vel::String8 description, int readFromChildFd) {
-   const Vel::ValidPtr<ChildProcess> child(
+   Vel::ValidPtr<ChildProcess> child(
       Vel::newEntity<ChildProcess>(pid, std::move(description), readFromChildFd));
    process_.newMemberG(child, &pid);
    return child;
