@@ -4,40 +4,34 @@
 #include <cassert>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace Vel {
 
-// Members in the order of joining; one that left is a hole (null) until nobody visits.
-struct NotifieeListBase::Block {
-   std::uint32_t used = 0;                       // places given out, holes included
-   std::uint32_t live = 0;                       // members
-   std::uint32_t room = 0;                       // places
-   std::uint32_t visits = 0;                     // under way: places keep their numbers meanwhile
-   PtrInterface::NotifieeConst* members[1] = {}; // in truth as many as there is room for
+NotifieeListBase::Block* NotifieeListBase::Block::make(std::uint32_t room) {
+   void* const memory =
+      ::operator new(sizeof(Block) + (room - 1) * sizeof(PtrInterface::NotifieeConst*));
+   auto* const made = ::new (memory) Block;
+   made->room = room;
+   return made;
+}
 
-   static Block* make(std::uint32_t room) {
-      void* const memory =
-         ::operator new(sizeof(Block) + (room - 1) * sizeof(PtrInterface::NotifieeConst*));
-      auto* const made = ::new (memory) Block;
-      made->room = room;
-      return made;
-   }
-   void append(PtrInterface::NotifieeConst* member) noexcept {
-      member->place_ = used;
-      members[used++] = member;
-      ++live;
-   }
-   void closeHoles() noexcept {
-      std::uint32_t kept = 0;
-      for (std::uint32_t place = 0; place < used; ++place) {
-         if (auto* const member = members[place]) {
-            member->place_ = kept;
-            members[kept++] = member;
-         }
+void NotifieeListBase::Block::append(PtrInterface::NotifieeConst* member) noexcept {
+   member->place_ = used;
+   members[used++] = member;
+   ++live;
+}
+
+void NotifieeListBase::Block::closeHoles() noexcept {
+   std::uint32_t kept = 0;
+   for (std::uint32_t place = 0; place < used; ++place) {
+      if (auto* const member = members[place]) {
+         member->place_ = kept;
+         members[kept++] = member;
       }
-      used = kept;
    }
-};
+   used = kept;
+}
 
 NotifieeListBase::Block* NotifieeListBase::block() const noexcept {
    return (head_ & 1) != 0 ? reinterpret_cast<Block*>(head_ - 1) : nullptr;
@@ -77,12 +71,12 @@ void NotifieeListBase::reserveMember() {
 }
 
 void NotifieeListBase::doNewMember(PtrInterface::NotifieeConst* member) {
-   reserveMember();
-   if (Block* const members = block()) {
-      members->append(member);
-   } else {
+   if (head_ == 0) {
       head_ = reinterpret_cast<std::uintptr_t>(member);
+      return;
    }
+   reserveMember();
+   block()->append(member);
 }
 
 void NotifieeListBase::doDeleteMember(PtrInterface::NotifieeConst* member) noexcept {
@@ -110,26 +104,7 @@ void NotifieeListBase::tidy() noexcept {
 }
 
 void NotifieeListBase::doVisit(void (*visit)(PtrInterface::NotifieeConst*)) const {
-   if (auto* const only = single()) {
-      visit(only); // a door: nothing of the list is looked at behind it
-      return;
-   }
-   if (block() == nullptr) {
-      return;
-   }
-   auto* const self = const_cast<NotifieeListBase*>(this);
-   const std::uint32_t end = block()->used; // who joins from here on isn't visited
-   FirstException first;
-   ++block()->visits;
-   for (std::uint32_t place = 0; place < end; ++place) {
-      // Read afresh each time: a handler may have made the block move, or members leave.
-      if (auto* const member = block()->members[place]) {
-         first.run([&] { visit(member); });
-      }
-   }
-   --block()->visits;
-   self->tidy();
-   first.rethrow();
+   visitEach(visit);
 }
 
 void NotifieeListBase::deleteAll() noexcept {
@@ -216,8 +191,7 @@ void PtrInterface::NotifieeConst::registrationIs(bool registered) const {
       return;
    }
    isRegisteredNotifiee_ = registered;
-   const Ptr<PtrInterface const> notifier(notifier_); // while its list is changed
-   NotifieeList* const list = notifier ? notifier->notifieeList() : nullptr;
+   NotifieeList* const list = notifier_ ? notifier_->notifieeList() : nullptr;
    if (list == nullptr) {
       return;
    }
@@ -237,12 +211,13 @@ void PtrInterface::NotifieeConst::attach(const Ptr<PtrInterface const>& narrowed
    if (narrowed == notifier_) {
       return;
    }
-   NotifieeList* const list = narrowed ? narrowed->notifieeList() : nullptr;
-   if (isRegisteredNotifiee_ && list != nullptr) {
+   NotifieeList* const list =
+      isRegisteredNotifiee_ && narrowed ? narrowed->notifieeList() : nullptr;
+   if (list != nullptr) {
       list->reserveMember(); // what can fail comes before anything has changed
    }
-   const Ptr<PtrInterface const> previous(notifier_); // its list outlives this member's leaving
-   notifier_ = narrowed;
+   // Its list outlives this member's leaving.
+   const Ptr<PtrInterface const> previous = std::exchange(notifier_, narrowed);
    if (weakNotifier_) {
       if (previous) {
          previous->referencesInc();
@@ -269,8 +244,7 @@ void PtrInterface::NotifieeConst::detach() noexcept {
       notifier_->referencesInc(); // for the base destructor to take back
    }
    if (isRegisteredNotifiee_ && !velMarkedForDeletion()) {
-      const Ptr<PtrInterface const> notifier(notifier_); // while its list is changed
-      if (NotifieeList* const list = notifier->notifieeList()) {
+      if (NotifieeList* const list = notifier_->notifieeList()) {
          list->doDeleteMember(this);
       }
       isRegisteredNotifiee_ = false;

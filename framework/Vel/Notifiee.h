@@ -3,6 +3,7 @@
 
 #include <Vel/Ptr.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace Vel {
@@ -28,6 +29,8 @@ class VEL_EXPORT NotifieeListBase {
    // before its turn is not visited either. If handlers throw, the others still have their turn
    // and the first exception then goes to the caller.
    void doVisit(void (*visit)(PtrInterface::NotifieeConst*)) const;
+   // The same, for a visit that the compiler can see: announcing then makes one call a member.
+   template <class Visit> void visitEach(const Visit& visit) const;
    void doDeleteMember(PtrInterface::NotifieeConst* member) noexcept;
    // Leaves every member unregistered, and a weak one without its notifier, which is going.
    void deleteAll() noexcept;
@@ -36,7 +39,18 @@ class VEL_EXPORT NotifieeListBase {
    void doNewMember(PtrInterface::NotifieeConst* member);
 
  private:
-   struct Block;
+   // Members in the order of joining; one that left is a hole (null) until nobody visits.
+   struct Block {
+      std::uint32_t used = 0;   // places given out, holes included
+      std::uint32_t live = 0;   // members
+      std::uint32_t room = 0;   // places
+      std::uint32_t visits = 0; // under way: places keep their numbers meanwhile
+      PtrInterface::NotifieeConst* members[1] = {}; // in truth as many as there is room for
+
+      static Block* make(std::uint32_t room);
+      void append(PtrInterface::NotifieeConst* member) noexcept;
+      void closeHoles() noexcept;
+   };
    Block* block() const noexcept;
    PtrInterface::NotifieeConst* single() const noexcept;
    void tidy() noexcept;
@@ -44,6 +58,29 @@ class VEL_EXPORT NotifieeListBase {
    // Null: empty. Low bit clear: the only member. Low bit set: a block of members.
    mutable std::uintptr_t head_ = 0;
 };
+
+template <class Visit> void NotifieeListBase::visitEach(const Visit& visit) const {
+   if ((head_ & 1) == 0) {
+      if (head_ != 0) {
+         visit(reinterpret_cast<PtrInterface::NotifieeConst*>(head_)); // a door, and the last step
+      }
+      return;
+   }
+   // Read afresh each time: a handler may have made the block move. It is not let go meanwhile.
+   const auto now = [this]() -> Block& { return *reinterpret_cast<Block*>(head_ - 1); };
+   const std::size_t end = now().used; // who joins from here on isn't visited
+   FirstException first;
+   ++now().visits;
+   for (std::size_t place = 0; place != end; ++place) {
+      if (auto* const member = now().members[place]) {
+         first.run([&] { visit(member); });
+      }
+   }
+   if (--now().visits == 0 && now().live == 0) {
+      const_cast<NotifieeListBase*>(this)->tidy();
+   }
+   first.rethrow();
+}
 
 class VEL_EXPORT NotifieeList : public NotifieeListBase {
  public:
@@ -110,14 +147,18 @@ class VEL_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
 };
 
 // Calls one handler on every notifiee of the notifier, which is held for as long as that takes.
-// Nothing is called when nobody watches.
+template <auto handler, class Watcher>
+[[gnu::noinline]] void announceToSome(const PtrInterface* notifier, const NotifieeList& list) {
+   const Ptr<PtrInterface const> self(notifier); // a handler may drop every other handle on it
+   list.visitEach(
+      [](PtrInterface::NotifieeConst* notifiee) { (static_cast<Watcher*>(notifiee)->*handler)(); });
+}
+
+// The same, and nothing but a look when nobody watches: kept apart, or the look would need a frame.
 template <auto handler, class Watcher>
 void announceTo(const PtrInterface* notifier, const NotifieeList& list) {
    if (!list.empty()) {
-      const Ptr<PtrInterface const> self(notifier); // a handler may drop every other handle on it
-      list.doVisit([](PtrInterface::NotifieeConst* notifiee) {
-         (static_cast<Watcher*>(notifiee)->*handler)();
-      });
+      announceToSome<handler, Watcher>(notifier, list);
    }
 }
 
