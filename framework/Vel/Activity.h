@@ -119,7 +119,7 @@ class VEL_EXPORT FileDescriptor : public PtrInterface {
 
    void settingIs(std::uint32_t setting, bool on);
    std::uint32_t wantedEvents() const noexcept;
-   void nonBlockingApply() noexcept;
+   void nonBlockingApply(int flags) noexcept; // the descriptor's present ones
    void watchUpdate();
    // serial: the number's; another one once this object has given the number up.
    void deliver(std::uint32_t events, const std::uint32_t& serial);

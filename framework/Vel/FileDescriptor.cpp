@@ -21,8 +21,10 @@ void FileDescriptor::descriptorIs(int descriptor) {
       return;
    }
    ActivityCore& core = ActivityCore::instance();
+   int flags = -1;
    if (descriptor >= 0) {
-      if (::fcntl(descriptor, F_GETFD) < 0) { // it would be the next one's who gets the number
+      flags = ::fcntl(descriptor, F_GETFL);
+      if (flags < 0) { // it would be the next one's who gets the number
          throwSystemException("a descriptor that isn't open", errno);
       }
       core.ownerIs(descriptor, this);
@@ -36,7 +38,7 @@ void FileDescriptor::descriptorIs(int descriptor) {
    close();
    descriptor_ = descriptor;
    if (nonBlocking()) {
-      nonBlockingApply();
+      nonBlockingApply(flags);
    }
 }
 
@@ -45,12 +47,11 @@ void FileDescriptor::nonBlockingIs(bool on) {
       return;
    }
    settings_ ^= nonBlockingSetting;
-   nonBlockingApply();
+   nonBlockingApply(descriptor_ >= 0 ? ::fcntl(descriptor_, F_GETFL) : -1);
 }
 
 // A descriptor that isn't open is told of when it is watched, like any other that can't be.
-void FileDescriptor::nonBlockingApply() noexcept {
-   const int flags = descriptor_ >= 0 ? ::fcntl(descriptor_, F_GETFL) : -1;
+void FileDescriptor::nonBlockingApply(int flags) noexcept {
    if (flags >= 0) {
       ::fcntl(descriptor_, F_SETFL, nonBlocking() ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
    }
@@ -63,6 +64,9 @@ void FileDescriptor::notifyOnExceptionIs(bool on) { settingIs(exceptionSetting, 
 void FileDescriptor::settingIs(std::uint32_t setting, bool on) {
    const std::uint32_t previous = settings_;
    settings_ = on ? settings_ | setting : settings_ & ~setting;
+   if (settings_ == previous) {
+      return;
+   }
    try {
       watchUpdate();
    } catch (...) {
@@ -116,6 +120,9 @@ void FileDescriptor::close() noexcept {
 }
 
 void FileDescriptor::NotifieeConst::isRegisteredNotifieeIs(bool registered) const {
+   if (registered == isRegisteredNotifiee()) {
+      return;
+   }
    registrationIs(registered);
    try {
       membersChanged(notifier());
@@ -128,6 +135,9 @@ void FileDescriptor::NotifieeConst::isRegisteredNotifieeIs(bool registered) cons
 void FileDescriptor::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& newNotifier) {
    const Ptr<FileDescriptor const> previous = notifier();
    attach(Ptr<FileDescriptor const>::narrow(newNotifier));
+   if (!isRegisteredNotifiee()) {
+      return; // it is a member of neither
+   }
    try {
       membersChanged(notifier());
       membersChanged(previous);
@@ -138,7 +148,7 @@ void FileDescriptor::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& ne
 }
 
 FileDescriptor::NotifieeConst::~NotifieeConst() {
-   const Ptr<FileDescriptor const> watched = notifier();
+   const Ptr<FileDescriptor const> watched(isRegisteredNotifiee() ? notifier() : nullptr);
    detach();
    membersChanged(watched); // fewer members: it can only leave the poll set, which never fails
 }
