@@ -159,6 +159,33 @@ template <class V, class K, class T> class HashMap : public HashMapGeneric {
       return entry;
    }
 
+   // As the untyped ones, but without a call where the bucket is, or gets, empty and the array
+   // stays.
+   using HashMapGeneric::newMemberG;
+   void newMemberG(const Ptr<V>& entry, K* key) noexcept {
+      PtrInterface*& head = buckets_[bucketOf(hash(Traits::key(*entry)))];
+      if (head != nullptr || Traits::link(*entry) || members_ >= bucketCount()) {
+         HashMapGeneric::newMemberG(entry, key);
+         return;
+      }
+      entry->referencesInc();
+      head = entry.get();
+      ++members_;
+      ++changeStamp_;
+   }
+   using HashMapGeneric::deleteMember;
+   void deleteMember(const Ptr<V>& entry) {
+      PtrInterface*& head = buckets_[bucketOf(hash(Traits::key(*entry)))];
+      if (head != entry.get() || Traits::link(*entry) || members_ <= bucketCount() / 8) {
+         HashMapGeneric::deleteMember(entry);
+         return;
+      }
+      head = nullptr;
+      --members_;
+      ++changeStamp_;
+      entry->referencesDec(); // the map's; the caller's handle keeps it
+   }
+
    IteratorConst begin() const { return IteratorConst(this); }
    End end() const { return {}; }
 
