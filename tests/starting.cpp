@@ -277,7 +277,6 @@ void threadsAreBusy(World& world) {
       while (!over) {
          const Vel::Ptr<Context> copy(shared);
          Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 3, !over);
-         (void)std::locale(std::locale(), new Grouping);
       }
    };
    std::thread threads[] = {std::thread(busy), std::thread(busy)};
