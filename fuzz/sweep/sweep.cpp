@@ -1,6 +1,6 @@
 // Every system call and every allocation of the tracker's run path fails in turn: the n-th for
 // every n, once and from then on. Whatever fails, nothing is lost, leaked or left running.
-#include "../fuzz/Children.h"
+#include "../Children.h"
 
 #include <Vel/GenericIf.h>
 
