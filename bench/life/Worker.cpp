@@ -74,13 +74,6 @@ Workers allWorkers() {
    return workers;
 }
 
-Workers floorAnd(const Entry& entry) {
-   Workers workers;
-   workers.push_back(std::make_unique<Worker>(contestants.front()));
-   workers.push_back(std::make_unique<Worker>(entry));
-   return workers;
-}
-
 std::vector<std::vector<double>> alternate(const Workers& workers, Task task, std::size_t size,
                                            int rounds) {
    std::vector<std::vector<double>> figures(workers.size());

@@ -45,10 +45,9 @@ class Worker {
    pid_t pid_;
 };
 
-// Workers for all contestants that are there, or for the floor and one other.
+// Workers for all contestants that are there, the floor first.
 using Workers = std::vector<std::unique_ptr<Worker>>;
 Workers allWorkers();
-Workers floorAnd(const Entry& entry);
 
 // Rounds in which each worker has its turn: one row of figures for each worker.
 std::vector<std::vector<double>> alternate(const Workers& workers, Task task, std::size_t size,
