@@ -38,6 +38,14 @@ TEST_P(Faults, AreSurvived) {
    EXPECT_EQ(outcome, 0);
 }
 
+// A table's row, and its rows as the cases of both ways.
+#define FAULT(name)                                                                                \
+   Fault { #name, name }
+
+inline auto bothWays(std::vector<Fault> faults) {
+   return testing::Combine(testing::ValuesIn(faults), testing::Bool());
+}
+
 // What a part of a case came to that ran in a process of its own.
 inline void expectHeld(int outcome) {
    if (outcome == cannot) {

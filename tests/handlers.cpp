@@ -34,6 +34,19 @@ void theTrackerIsDroppedInAnyCallOfItsOwn(World& world) {
       }
    };
    EXPECT_EQ(world.record(9)->pid(), 9); // nobody holds it but the operation itself
+   for (const bool byIterator : {false, true}) {
+      world.tracker = Zor::newTracker<RudeTracker>();
+      world.record(9);
+      world.tracker->called = [&](const std::string& now) {
+         if (now == "childProcessDel") {
+            world.tracker = nullptr;
+         }
+      };
+      Sm::ProcessMap::Iterator at(&world.tracker->process());
+      EXPECT_EQ((byIterator ? world.tracker->processDel(at) : world.tracker->processDel(9))->pid(),
+                9);
+      EXPECT_FALSE(world.tracker);
+   }
 }
 
 // The reactors are told something while an end that nobody has removed is still there to be told:
@@ -267,22 +280,15 @@ void traceOutputFails(World& world) {
    EXPECT_EQ(world.tracker->outcomes(), 2U);
 }
 
-#define FAULT(name)                                                                                \
-   Fault { #name, name }
 INSTANTIATE_TEST_SUITE_P(
    Handlers, Faults,
-   testing::Combine(testing::Values(FAULT(theTrackerIsDroppedInAnyCallOfItsOwn),
-                                    FAULT(reactorsAreDroppedByTheEndThatTheyTell),
-                                    FAULT(reactorsAreWithoutTrackerOrChild),
-                                    FAULT(theHookChangesTheRegistry),
-                                    FAULT(theHookForksAndRunsTheLoopAndTheCountWraps),
-                                    FAULT(aChildComesOutOfTheHookThatForkedIt),
-                                    FAULT(theEndIsRecordedBeforeTheReactorExists),
-                                    FAULT(earlierHandlersThrow),
-                                    FAULT(numbersAreNobodysOrNotAboutAnEnd),
-                                    FAULT(thereIsNoMemoryForANotifiee), FAULT(traceOutputFails)),
-                    testing::Bool()),
+   bothWays({FAULT(theTrackerIsDroppedInAnyCallOfItsOwn),
+             FAULT(reactorsAreDroppedByTheEndThatTheyTell), FAULT(reactorsAreWithoutTrackerOrChild),
+             FAULT(theHookChangesTheRegistry), FAULT(theHookForksAndRunsTheLoopAndTheCountWraps),
+             FAULT(aChildComesOutOfTheHookThatForkedIt),
+             FAULT(theEndIsRecordedBeforeTheReactorExists), FAULT(earlierHandlersThrow),
+             FAULT(numbersAreNobodysOrNotAboutAnEnd), FAULT(thereIsNoMemoryForANotifiee),
+             FAULT(traceOutputFails)}),
    Faults::name);
-#undef FAULT
 
 } // namespace

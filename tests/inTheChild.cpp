@@ -315,18 +315,13 @@ void childrenTrackTheirOwnToAnyDepth(World& world) {
    EXPECT_EQ(*deepest, 3);
 }
 
-#define FAULT(name)                                                                                \
-   Fault { #name, name }
 INSTANTIATE_TEST_SUITE_P(
    InTheChild, Faults,
-   testing::Combine(
-      testing::Values(FAULT(theContextSaysWhatIsKept), FAULT(thereIsNoListing), FAULT(closingFails),
-                      FAULT(theManagersDescriptorsAreClosed),
-                      FAULT(itDoesAsItLikesWithWhatItInherited), FAULT(thePollSetsNumberIsReused),
-                      FAULT(itsSiblingsAreNotItsChildren), FAULT(itExitsWithItsCopyOfEverything),
-                      FAULT(thereAreNoPagesThatForkWipes), FAULT(childrenTrackTheirOwnToAnyDepth)),
-      testing::Bool()),
+   bothWays({FAULT(theContextSaysWhatIsKept), FAULT(thereIsNoListing), FAULT(closingFails),
+             FAULT(theManagersDescriptorsAreClosed), FAULT(itDoesAsItLikesWithWhatItInherited),
+             FAULT(thePollSetsNumberIsReused), FAULT(itsSiblingsAreNotItsChildren),
+             FAULT(itExitsWithItsCopyOfEverything), FAULT(thereAreNoPagesThatForkWipes),
+             FAULT(childrenTrackTheirOwnToAnyDepth)}),
    Faults::name);
-#undef FAULT
 
 } // namespace

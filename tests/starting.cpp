@@ -345,19 +345,14 @@ void aStaleOwnerHasTheNumber(World& world) {
    EXPECT_EQ(stale->descriptor(), -1);
 }
 
-#define FAULT(name)                                                                                \
-   Fault { #name, name }
 INSTANTIATE_TEST_SUITE_P(
    Starting, Faults,
-   testing::Combine(
-      testing::Values(FAULT(noPipeOrNoProcess), FAULT(registrationThrows), FAULT(pollSetIsFull),
-                      FAULT(pidfdsAreRefused), FAULT(theChildHasEndedBefore),
-                      FAULT(aStaleRecordHasTheNumber), FAULT(theNumberOfAReapedChildComesAgain),
-                      FAULT(standardDescriptorsAreClosed), FAULT(namesAndLocalesAreOdd),
-                      FAULT(threadsAreBusy), FAULT(theInitCallbackMisbehaves),
-                      FAULT(theHookGetsTheNumberOfTheReadEnd), FAULT(aStaleOwnerHasTheNumber)),
-      testing::Bool()),
+   bothWays({FAULT(noPipeOrNoProcess), FAULT(registrationThrows), FAULT(pollSetIsFull),
+             FAULT(pidfdsAreRefused), FAULT(theChildHasEndedBefore),
+             FAULT(aStaleRecordHasTheNumber), FAULT(theNumberOfAReapedChildComesAgain),
+             FAULT(standardDescriptorsAreClosed), FAULT(namesAndLocalesAreOdd),
+             FAULT(threadsAreBusy), FAULT(theInitCallbackMisbehaves),
+             FAULT(theHookGetsTheNumberOfTheReadEnd), FAULT(aStaleOwnerHasTheNumber)}),
    Faults::name);
-#undef FAULT
 
 } // namespace

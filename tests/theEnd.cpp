@@ -439,23 +439,16 @@ void twentyHooksThrowAndEachIsHeardOf(World& world) {
    }
 }
 
-#define FAULT(name)                                                                                \
-   Fault { #name, name }
 INSTANTIATE_TEST_SUITE_P(
    TheEnd, Faults,
-   testing::Combine(testing::Values(FAULT(everyWayAndAllAtOnce), FAULT(asManyAsThereIsRoomFor),
-                                    FAULT(itClosesOrFillsItsPipeAndIsStopped),
-                                    FAULT(theEndComesInASignalStormAndCostsFewWakeups),
-                                    FAULT(aGrandchildHoldsThePipe), FAULT(aTracerHoldsIt),
-                                    FAULT(otherCodeTookTheStatus),
-                                    FAULT(otherCodeTookItWhileThePidfdWasGone),
-                                    FAULT(theKernelIsOlder), FAULT(thereIsNoTimer),
-                                    FAULT(itIsForgottenOrUnknown), FAULT(itIsAStranger),
-                                    FAULT(itsDescriptorsAreOdd), FAULT(itHasNoPipe),
-                                    FAULT(theClosingWalkTakesItsDescriptors),
-                                    FAULT(twentyHooksThrowAndEachIsHeardOf)),
-                    testing::Bool()),
+   bothWays({FAULT(everyWayAndAllAtOnce), FAULT(asManyAsThereIsRoomFor),
+             FAULT(itClosesOrFillsItsPipeAndIsStopped),
+             FAULT(theEndComesInASignalStormAndCostsFewWakeups), FAULT(aGrandchildHoldsThePipe),
+             FAULT(aTracerHoldsIt), FAULT(otherCodeTookTheStatus),
+             FAULT(otherCodeTookItWhileThePidfdWasGone), FAULT(theKernelIsOlder),
+             FAULT(thereIsNoTimer), FAULT(itIsForgottenOrUnknown), FAULT(itIsAStranger),
+             FAULT(itsDescriptorsAreOdd), FAULT(itHasNoPipe),
+             FAULT(theClosingWalkTakesItsDescriptors), FAULT(twentyHooksThrowAndEachIsHeardOf)}),
    Faults::name);
-#undef FAULT
 
 } // namespace
