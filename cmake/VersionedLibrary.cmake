@@ -13,7 +13,8 @@ function(add_versioned_library target folder version_script)
       INSTALL_RPATH $ORIGIN
       LINK_DEPENDS ${script})
    # Nobody may put a function of his own before one of ours, so calls within need no detour.
-   target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+   # Those to other libraries go straight to where the loader has found them.
+   target_compile_options(${target} PRIVATE -fno-semantic-interposition -fno-plt)
    target_link_options(${target} PRIVATE -Wl,-Bsymbolic-functions)
    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND NOT VEL_SANITIZE)
       set_target_properties(${target} PROPERTIES

@@ -103,10 +103,6 @@ void NotifieeListBase::tidy() noexcept {
    }
 }
 
-void NotifieeListBase::doVisit(void (*visit)(PtrInterface::NotifieeConst*)) const {
-   visitEach(visit);
-}
-
 void NotifieeListBase::deleteAll() noexcept {
    const auto dropped = [](PtrInterface::NotifieeConst* member) {
       member->isRegisteredNotifiee_ = false;

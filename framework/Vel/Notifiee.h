@@ -29,8 +29,6 @@ class VEL_EXPORT NotifieeListBase {
    // before its turn is not visited either. If handlers throw, the others still have their turn
    // and the first exception then goes to the caller.
    void doVisit(void (*visit)(PtrInterface::NotifieeConst*)) const;
-   // The same, for a visit that the compiler can see: announcing then makes one call a member.
-   template <class Visit> void visitEach(const Visit& visit) const;
    void doDeleteMember(PtrInterface::NotifieeConst* member) noexcept;
    // Leaves every member unregistered, and a weak one without its notifier, which is going.
    void deleteAll() noexcept;
@@ -59,7 +57,9 @@ class VEL_EXPORT NotifieeListBase {
    mutable std::uintptr_t head_ = 0;
 };
 
-template <class Visit> void NotifieeListBase::visitEach(const Visit& visit) const {
+// Inline, so that announcing makes one call a member: its function is known where it is compiled.
+[[gnu::always_inline]] inline void
+NotifieeListBase::doVisit(void (*visit)(PtrInterface::NotifieeConst*)) const {
    if ((head_ & 1) == 0) {
       if (head_ != 0) {
          visit(reinterpret_cast<PtrInterface::NotifieeConst*>(head_)); // a door, and the last step
@@ -150,7 +150,7 @@ class VEL_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
 template <auto handler, class Watcher>
 [[gnu::noinline]] void announceToSome(const PtrInterface* notifier, const NotifieeList& list) {
    const Ptr<PtrInterface const> self(notifier); // a handler may drop every other handle on it
-   list.visitEach(
+   list.doVisit(
       [](PtrInterface::NotifieeConst* notifiee) { (static_cast<Watcher*>(notifiee)->*handler)(); });
 }
 

@@ -29,7 +29,7 @@ template <class T> class Ptr {
    }
    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
    Ptr(Ptr<U>&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-   ~Ptr() { drop(object_); }
+   [[gnu::always_inline]] ~Ptr() { drop(object_); }
 
    Ptr& operator=(const Ptr& other) {
       assign(other.object_);

@@ -23,7 +23,11 @@ class VEL_EXPORT String8 {
    String8(const std::string& text) : String8(std::string_view(text)) {}
    String8(const String8& other) noexcept;
    String8(String8&& other) noexcept : data_(other.data_) { other.data_ = nullptr; }
-   ~String8() { release(); }
+   ~String8() {
+      if (data_ != nullptr) { // most have been moved from
+         release();
+      }
+   }
    String8& operator=(const String8& other) noexcept {
       String8 taken(other);
       return *this = static_cast<String8&&>(taken);

@@ -90,7 +90,9 @@ void ActivityCore::ownerIs(int descriptor, std::uint32_t tag) {
 void ActivityCore::ownerIs(int descriptor, std::uintptr_t owner) {
    adoptProcess();
    DescriptorPlace& place = table_.make(descriptor);
-   fdDel(descriptor);
+   if (place.owner != 0 || descriptor == pollSet_) {
+      fdDel(descriptor);
+   }
    place.owner = owner;
 }
 
@@ -149,30 +151,26 @@ void ActivityCore::release(int descriptor) noexcept {
    }
    // Removed before it is closed: where a child has a copy, closing alone would leave it in.
    if (place->events != 0) {
-      control(EPOLL_CTL_DEL, descriptor, 0);
+      control(EPOLL_CTL_DEL, descriptor, *place, 0);
    }
    place->vacate();
 }
 
 // ---- the poll set ----
 
-int ActivityCore::pollSet() {
-   adoptProcess();
+void ActivityCore::openPollSet() {
+   pollSet_ = ::epoll_create1(EPOLL_CLOEXEC);
    if (pollSet_ < 0) {
-      pollSet_ = ::epoll_create1(EPOLL_CLOEXEC);
-      if (pollSet_ < 0) {
-         throwSystemException("no poll set", errno);
-      }
-      pollSetEnd_ = std::max(pollSetEnd_, pollSet_ + 1);
-      try {
-         fillPollSet();
-      } catch (...) { // a set that lacks some would never get them: the next use tries again
-         ::close(pollSet_);
-         forgetPollSet();
-         throw;
-      }
+      throwSystemException("no poll set", errno);
    }
-   return pollSet_;
+   pollSetEnd_ = std::max(pollSetEnd_, pollSet_ + 1);
+   try {
+      fillPollSet();
+   } catch (...) { // a set that lacks some would never get them: the next use tries again
+      ::close(pollSet_);
+      forgetPollSet();
+      throw;
+   }
 }
 
 // What was watched before the set was lost, or inherited from the parent, goes into the new one.
@@ -183,7 +181,7 @@ void ActivityCore::fillPollSet() {
       if (wanted == 0) {
          return;
       }
-      const int error = control(EPOLL_CTL_ADD, descriptor, wanted);
+      const int error = control(EPOLL_CTL_ADD, descriptor, place, wanted);
       if (error == 0) {
          place.events = wanted;
       } else if (error != EBADF && error != EPERM) { // closed by somebody: nothing to wait for
@@ -199,11 +197,11 @@ void ActivityCore::forgetPollSet() noexcept {
    children_->onPollSetLost();
 }
 
-int ActivityCore::control(int operation, int descriptor, std::uint32_t events) noexcept {
-   const DescriptorPlace* const place = table_.find(descriptor);
+int ActivityCore::control(int operation, int descriptor, const DescriptorPlace& place,
+                          std::uint32_t events) noexcept {
    epoll_event event{};
    event.events = events;
-   event.data.u64 = packed(descriptor, place->serial);
+   event.data.u64 = packed(descriptor, place.serial);
    return ::epoll_ctl(pollSet_, operation, descriptor, &event) == 0 ? 0 : errno;
 }
 
@@ -214,7 +212,7 @@ void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
       return;
    }
    if (events == 0) {
-      control(EPOLL_CTL_DEL, descriptor, 0);
+      control(EPOLL_CTL_DEL, descriptor, *place, 0);
       place->events = 0;
       return;
    }
@@ -222,9 +220,10 @@ void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
    if (place->events == events) {
       return;
    }
-   int error = control(place->events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, descriptor, events);
+   int error =
+      control(place->events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, descriptor, *place, events);
    if (error == EEXIST) { // it went in under an owner that is gone
-      error = control(EPOLL_CTL_MOD, descriptor, events);
+      error = control(EPOLL_CTL_MOD, descriptor, *place, events);
    }
    if (error != 0) {
       throwSystemException("a descriptor can't be watched", error);
@@ -371,7 +370,7 @@ void ActivityCore::armAgain() noexcept {
    for (; next_ != end_; ++next_) {
       const epoll_event& event = fetched_[static_cast<std::size_t>(next_)];
       if (const DescriptorPlace* const place = placeOf(event)) {
-         control(EPOLL_CTL_MOD, numberOf(event), place->events);
+         control(EPOLL_CTL_MOD, numberOf(event), *place, place->events);
       }
    }
    closeBatch();

@@ -68,9 +68,17 @@ class ActivityCore {
    void ownerIs(int descriptor, std::uintptr_t owner);
    void forgotten(std::uintptr_t owner) noexcept;
    void forgetPollSet() noexcept;
-   int pollSet();
+   int pollSet() {
+      adoptProcess();
+      if (pollSet_ < 0) {
+         openPollSet();
+      }
+      return pollSet_;
+   }
+   void openPollSet();
    void fillPollSet();
-   int control(int operation, int descriptor, std::uint32_t events) noexcept;
+   int control(int operation, int descriptor, const DescriptorPlace& place,
+               std::uint32_t events) noexcept;
    void fetch(std::int64_t waitMs);
    int wait(std::int64_t waitMs);
    void deliverFetched();
