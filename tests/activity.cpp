@@ -41,6 +41,20 @@ TEST_F(Activity, ADescriptorIsWatchedOnceItHasANumberASettingAndARegisteredNotif
    }
 }
 
+TEST_F(Activity, ADescriptorWhoseLastWatcherLeavesInItsHandlerIsNotWatched) {
+   Watched watched;
+   watched.write();
+   const auto other = Vel::newEntity<Watcher>();
+   other->notifierIs(watched.fd);
+   for (const bool joins : {true, false}) { // one that came and went
+      other->isRegisteredNotifieeIs(joins);
+      EXPECT_TRUE(joins || watched.watcher->isRegisteredNotifiee());
+   }
+   watched.watcher->heard = [&] { watched.watcher->isRegisteredNotifieeIs(false); };
+   EXPECT_EQ(manager()->runOnce(0), 1);
+   expectQuiet(20, 0);
+}
+
 TEST_F(Activity, EachConditionReachesItsHandlers) {
    enum Setting { readable = 1, writable = 2, exception = 4 };
    const auto byte = [](int peer) { EXPECT_EQ(::send(peer, "x", 1, 0), 1); };

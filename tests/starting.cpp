@@ -140,7 +140,19 @@ void theChildHasEndedBefore(World& world) {
       EXPECT_EQ(child->siginfo()->signalCode(), Siginfo::none);
       expectEnd(child, Siginfo::exited, 12);
    }
-   EXPECT_EQ(world.tracker->told, 3U);
+   ::signal(SIGCHLD, SIG_IGN); // nobody can say any more how it ended, and its pipe is held
+   const Gate gate;
+   const Child unknown = world.childOf(world.start([&] {
+      if (::fork() == 0) {
+         gate.pass();
+      }
+      ::_exit(13);
+   }));
+   EXPECT_EQ(manager()->runOnce(1000), 1);
+   expectEnd(unknown, Siginfo::lost, 0, Siginfo::unknown);
+   EXPECT_EQ(world.tracker->told, 4U);
+   gate.open();
+   ::signal(SIGCHLD, SIG_DFL);
 }
 
 // ---- numbers that come again ----

@@ -87,25 +87,24 @@ void asManyAsThereIsRoomFor(World& world) {
 
 // ---- what the child does ----
 
-// It closes its pipe (0) or writes that much, is stopped, and goes on; with a pipe that doesn't
-// block, as it is made, and one that does.
+// It closes its pipe (0) or writes that much, is stopped, and goes on; the pipe doesn't block, or
+// does since the child has made it so, by its copy of the read end.
 void itClosesOrFillsItsPipeAndIsStopped(World& world) {
    for (const std::size_t size : {0U, 1U, 16U << 10, 64U << 10, 1U << 20}) {
       for (const bool blocking : {false, true}) {
          const Gate gate;
          const Gate written;
-         const int writeEnd = NextPipe().write;
+         const NextPipe next;
          const int pid = world.start([&] {
+            EXPECT_EQ(::fcntl(next.read, F_SETFL, blocking ? 0 : O_NONBLOCK), 0);
             const std::string bytes(size, 'x');
-            EXPECT_EQ(::write(writeEnd, bytes.data(), size), static_cast<ssize_t>(size));
-            size == 0 ? ::close(writeEnd) : 0;
+            EXPECT_EQ(::write(next.write, bytes.data(), size), static_cast<ssize_t>(size));
+            size == 0 ? ::close(next.write) : 0;
             written.open();
             gate.pass();
             ::_exit(testing::Test::HasFailure() ? 1 : 4);
          });
          const Child child = world.childOf(pid);
-         auto& pipe = const_cast<Vel::FileDescriptor&>(*child->siginfo()->childPipe());
-         pipe.nonBlockingIs(!blocking);
          pollfd all{written.descriptor(), POLLIN, 0};
          const auto before = manager()->wakeups();
          EXPECT_TRUE(runUntil([&] { return ::poll(&all, 1, 0) == 1; }));

@@ -40,21 +40,15 @@ void ChildSiginfo::ChildPipeReactor::onReadable() {
    }
 }
 
-// At most 64 KiB at once, so that a child that writes without end doesn't hold up the others.
-// Where reading blocks, only what is known to be there. False at the end of the pipe.
+// One read, of what is known to be there: another one could block, since the child may have made
+// its copy of the read end, and so this one, blocking. At most 64 KiB, so that a child that writes
+// without end doesn't hold up the others. False at the end of the pipe.
 bool ChildSiginfo::ChildPipeReactor::drained(const FileDescriptor& pipe) noexcept {
    // Not on the stack: reading the end of the pipe would touch a page far below, at a fault a life.
-   static char dropped[16 * 1024];
-   for (int reads = pipe.nonBlocking() ? 4 : 1; reads > 0; --reads) {
-      const ssize_t got = ::read(pipe.descriptor(), dropped, sizeof dropped);
-      if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-         return false; // an error won't get better, and counts as the end
-      }
-      if (got < static_cast<ssize_t>(sizeof dropped)) {
-         break;
-      }
-   }
-   return true;
+   static char dropped[64 * 1024];
+   const ssize_t got = ::read(pipe.descriptor(), dropped, sizeof dropped);
+   // An error won't get better, and counts as the end.
+   return got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));
 }
 
 ChildSiginfo::ChildSiginfo(Name name, int pid) noexcept : Entity(std::move(name)), pid_(pid) {}

@@ -77,7 +77,7 @@ void FileDescriptor::settingIs(std::uint32_t setting, bool on) {
 
 // Without a notifiee there is nobody to act on an event: polled for, it would come for ever.
 std::uint32_t FileDescriptor::wantedEvents() const noexcept {
-   if (notifieeList_.empty()) {
+   if (notifieeList_.members() == 0) {
       return 0;
    }
    return (notifyOnReadable() ? EPOLLIN | EPOLLRDHUP : 0U) | (notifyOnWritable() ? EPOLLOUT : 0U) |

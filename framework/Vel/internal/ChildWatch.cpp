@@ -163,7 +163,8 @@ void ChildWatch::open(std::uint32_t at) noexcept {
       // A child that was forked here is ours until somebody says that it isn't any more.
       const Ours ours = place.ours ? pidIsOurChild(place.pid) : Ours::no;
       place.ours = place.forked ? ours != Ours::no : ours == Ours::yes;
-      place.gone = !place.ours && place.known; // other code has waited for it meanwhile
+      // Other code has waited for what is known to have been ours.
+      place.gone = !place.ours && (place.known || place.forked);
    }
    place.known = place.known || place.ours;
    askedIs(place, (place.ours && !place.watched) || place.gone);
