@@ -94,7 +94,12 @@ TEST_F(Activity, WhatCannotBeWatchedIsToldAndChangesNothing) {
       EXPECT_EQ(watched.fd->descriptor(), present);
       EXPECT_FALSE(manager()->fd(useless));
    }
+   {
+      const Watched pollSet(manager()->pollFd()); // not the manager's own from now on
+      EXPECT_NE(manager()->pollFd(), pollSet.fd->descriptor());
+   }
    Watched watched;
+   watched.watcher->isRegisteredNotifieeIs(true); // as it is
    watched.watcher->isRegisteredNotifieeIs(false);
    watched.fd->descriptorIs(file);
    EXPECT_THROW(watched.watcher->isRegisteredNotifieeIs(true), Vel::SystemException);

@@ -168,7 +168,8 @@ TEST_F(Entities, StringRepresentationsReadBackWhateverTheBytes) {
    EXPECT_EQ(parsed(quoted), String8("\n\"\\\n"));
    EXPECT_STREQ(it, " b");
    EXPECT_EQ(parsed(bare), bare);
-   for (const String8 text : {R"(")", R"("open)", R"("\)", R"("\q")", R"("\x1")", R"("\x1g")"}) {
+   for (const String8 text :
+        {R"(")", R"("open)", R"("\)", R"("\q")", R"("\x1")", R"("\x1g")", R"("\xg1")"}) {
       EXPECT_THROW(parsed(text), RangeException) << text;
       EXPECT_EQ(it, text.begin());
    }

@@ -295,6 +295,17 @@ void GenericOperations::check(const VelType& type, Vel::PtrInterface* object, un
    }
 }
 
+TEST_F(GenericOperations, OnlyCollectionsAreIterated) {
+   int key = 41;
+   const Vel::AttributeIteratorVTable* table = nullptr;
+   for (const Handle& on : {sm, contextIf}) {
+      const VelAttr* const siginfoAttr = childType->attrs + 2; // of a number that they don't have
+      void* const object = const_cast<Vel::PtrInterface*>(on->entity().get());
+      EXPECT_FALSE(on->type().attributeIterator(object, siginfoAttr, &table) ||
+                   on->type().attributeIteratorKey(object, siginfoAttr, &key, &table) || table);
+   }
+}
+
 TEST_F(GenericOperations, DoesOnEachAttributeWhatItsTypeSays) {
    for (unsigned n = 0; n < 3 * 16 * 10 * 2; ++n) {
       const unsigned id = 0x80 + n % 16;

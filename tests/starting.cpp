@@ -205,6 +205,9 @@ void aStaleRecordHasTheNumber(World& world) {
       EXPECT_TRUE(world.childOf(30) && world.childOf(30)->description() == "stranger");
       world.runAll();
       EXPECT_EQ(world.tracker->outcomes(), 3U);
+      world.record(40, "without a siginfo")->siginfoDel();
+      EXPECT_EQ(startAs(40, "stranger"), 40);
+      world.runAll();
    });
 }
 

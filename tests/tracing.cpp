@@ -47,6 +47,8 @@ TEST_F(Tracing, EachLevelOfANameIsSwitchedByItselfBeforeOrAfterTheHandleExists) 
    EXPECT_TRUE(traced(all, 0) && traced(all, 63) && !traced(all, 64));
    TraceFacility::levelEnabledIs("Late", 8, true);
    TraceFacility::levelEnabledIs("Late", 63, true);
+   EXPECT_TRUE(TraceFacility::levelEnabled("Late", 63) && !TraceFacility::levelEnabled("Late", 7));
+   EXPECT_FALSE(TraceFacility::levelEnabled("All", 64) || TraceFacility::levelEnabled("None", 8));
    EXPECT_TRUE(traced(late, 63) && traced(same, 8) && !traced(late, 31));
    TraceFacility::levelEnabledIs("Late", 63, false);
    EXPECT_TRUE(!traced(late, 63) && traced(late, 8));

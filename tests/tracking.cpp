@@ -39,6 +39,9 @@ TEST_F(Tracking, TerminationErrorsConvertBothWays) {
       EXPECT_EQ(Zor::sequenceToValue(at, text.end(), &value), value);
       EXPECT_STREQ(at, ",");
    }
+   EXPECT_EQ(Sm::terminationErrorInstance(2U), Sm::terminationErrorInstance("signaled"));
+   EXPECT_THROW(Sm::terminationErrorInstance(3U), Vel::RangeException);
+   EXPECT_THROW(Sm::terminationErrorInstance("none"), Vel::RangeException);
 }
 
 // ---- registry ----
@@ -153,6 +156,10 @@ TEST_F(Tracking, WhatAReactorHasAlreadyIsNothingNew) {
    EXPECT_FALSE(Vel::newEntity<Reactor>(nullptr, nullptr)->siginfo());
    EXPECT_EQ(calls.size(), 1U); // of the siginfo that came back
    EXPECT_THROW(tracker->childProcessIs(nullptr), Vel::RangeException);
+   EXPECT_EQ(tracker->newChildProcess(nullptr)->fwkKey(), 0);
+   tracker->childProcessDelAll();
+   child->siginfo()->signalCodeIs(Siginfo::exited); // nothing to watch for any more
+   EXPECT_TRUE(child->siginfo()->childPipeReactorIs(nullptr, child->siginfo()));
    EXPECT_THROW(child->siginfo()->childPipeReactorIs(nullptr, nullptr), Vel::RangeException);
    EXPECT_EQ(tracker->auditErrors(~0U) + tracker->auditErrors(1), 0U);
 }

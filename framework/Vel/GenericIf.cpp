@@ -79,9 +79,7 @@ template <class Wide> std::optional<Native> numberAs(const VelType& type, Wide v
       return narrowed<unsigned>(value);
    }
    if (&type == &Builtin<unsigned char>::_velType) {
-      return std::in_range<std::uint8_t>(value)
-                ? std::optional<Native>(static_cast<unsigned char>(value))
-                : std::nullopt;
+      return narrowed<unsigned char>(value);
    }
    return std::nullopt;
 }
