@@ -208,6 +208,20 @@ void aStaleRecordHasTheNumber(World& world) {
       world.record(40, "without a siginfo")->siginfoDel();
       EXPECT_EQ(startAs(40, "stranger"), 40);
       world.runAll();
+
+      // The hook of one forks: to the child that comes out of it the new one is a stranger.
+      world.record(50, "another");
+      world.tracker->hook = [&](const Child&) {
+         world.tracker->hook = nullptr;
+         world.tracker->forkChild("out of the hook", nullptr, nullptr, nullptr);
+      };
+      const pid_t here = ::getpid();
+      EXPECT_EQ(startAs(50, "stranger"), 50);
+      if (::getpid() != here) {
+         ::_exit(world.tracker->process(50) != nullptr);
+      }
+      world.runAll();
+      EXPECT_EQ(world.tracker->outcomes(), 105U);
    });
 }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/eventfd.h>
 #include <sys/ptrace.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
@@ -124,6 +125,15 @@ void itClosesOrFillsItsPipeAndIsStopped(World& world) {
          expectEnd(child, Siginfo::exited, 4);
       }
    }
+}
+
+// More pipes than are fetched at once always have something to drop.
+void pipesNeverRunDry(World& world) {
+   for (int number = 5000000; number < 5000080; ++number) {
+      world.tracker->processIs(number, "endless", ::eventfd(1U << 30, EFD_SEMAPHORE));
+   }
+   EXPECT_EQ(manager()->runOnce(0) + manager()->runOnce(20), 0);
+   world.tracker->processDelAll();
 }
 
 // The pipe ends with the child or a moment before; a signal comes in every half millisecond.
@@ -442,8 +452,8 @@ INSTANTIATE_TEST_SUITE_P(
    TheEnd, Faults,
    bothWays({FAULT(everyWayAndAllAtOnce), FAULT(asManyAsThereIsRoomFor),
              FAULT(itClosesOrFillsItsPipeAndIsStopped),
-             FAULT(theEndComesInASignalStormAndCostsFewWakeups), FAULT(aGrandchildHoldsThePipe),
-             FAULT(aTracerHoldsIt), FAULT(otherCodeTookTheStatus),
+             FAULT(theEndComesInASignalStormAndCostsFewWakeups), FAULT(pipesNeverRunDry),
+             FAULT(aGrandchildHoldsThePipe), FAULT(aTracerHoldsIt), FAULT(otherCodeTookTheStatus),
              FAULT(otherCodeTookItWhileThePidfdWasGone), FAULT(theKernelIsOlder),
              FAULT(thereIsNoTimer), FAULT(itIsForgottenOrUnknown), FAULT(itIsAStranger),
              FAULT(itsDescriptorsAreOdd), FAULT(itHasNoPipe),

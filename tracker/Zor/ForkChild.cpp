@@ -44,18 +44,21 @@ class ForkedChild {
 };
 
 // Removes a record whose number fork has just given to another process. Its end, when that is
-// not recorded yet, is accounted for as far as it can still be learned.
-void forgetStale(Sm& tracker, int pid, Vel::FirstException& first) {
+// not recorded yet, is accounted for as far as it can still be learned. False in a child that its
+// hook has forked, and that comes out of it: the process of that number is none of its own.
+bool forgetStale(Sm& tracker, int pid, Vel::FirstException& first) {
    const Vel::Ptr<ChildProcess> stale(tracker.process(pid)); // the hook may forget it
    if (!stale) {
-      return;
+      return true;
    }
+   const pid_t here = ::getpid();
    if (const Vel::Ptr<Vel::ChildSiginfo> siginfo = stale->siginfo()) {
       first.run([&] { siginfo->conclude(); });
    }
    if (tracker.process(pid) == stale.get()) {
       first.run([&] { tracker.processDel(pid); });
    }
+   return ::getpid() == here;
 }
 
 // The read end while it is being handed to a record. By its number alone it can't be known again: a
@@ -87,7 +90,11 @@ class ReadEnd {
 void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) {
    const ForkedChild forked(pid);
    Vel::FirstException fromStale; // thrown only when the new child is safe
-   forgetStale(tracker, pid, fromStale);
+   if (!forgetStale(tracker, pid, fromStale)) {
+      ::close(readEnd);
+      fromStale.rethrow();
+      return;
+   }
    const ReadEnd handed(readEnd);
    try {
       tracker.processIs(pid, name, readEnd);

@@ -246,7 +246,10 @@ int ActivityCore::runOnce(int timeoutMs) {
    const auto mine = [&] { return deliveries_ - deliveriesBefore - (claimed_ - claimedBefore); };
    const Deadline deadline(timeoutMs);
    std::int64_t left = timeoutMs;
-   bool more = false; // events than could be fetched at once
+   // Events than could be fetched at once: looked for until every descriptor has had its turn, and
+   // no longer, since those whose events are no deliveries may never run dry.
+   bool more = false;
+   auto turns = table_.end() / static_cast<std::int64_t>(fetched_.size());
    do {
       if (next_ == end_) {
          fetch(left);
@@ -257,7 +260,7 @@ int ActivityCore::runOnce(int timeoutMs) {
          children_->onPause();
       }
       left = deadline.leftMs();
-   } while (mine() == 0 && (left != 0 || more));
+   } while (mine() == 0 && (left != 0 || (more && turns-- > 0)));
    const std::uint64_t made = mine();
    claimed_ += made;
    return static_cast<int>(made);
