@@ -105,7 +105,7 @@ void measureForking() {
       const auto x = static_cast<double>(mebibytes);
       point("fork", "the system calls alone", x, alone / least);
       point("fork", "forkChild", x, ratio * alone / least);
-      point("fork", "share", x, 100 * (1 - 1 / ratio));
+      point("share", "this library", x, 100 * (1 - 1 / ratio));
       if (mebibytes == 1024) {
          row("forkChild, CPU / its system calls alone, 1 GiB touched", ratio, "<= 1.01", "");
       }
