@@ -252,6 +252,24 @@ void thePollSetsNumberIsReused(World& world) {
              Siginfo::exited, 0);
 }
 
+// The numbers of its parent's pidfds and pipes come again, for those of its own children.
+void itClosesWhatItInheritedBehindTheManager(World& world) {
+   const Gate gate;
+   for (int sibling = 0; sibling < 5; ++sibling) {
+      world.startAt(gate, 0);
+   }
+   world.start([&] {
+      ::syscall(SYS_close_range, 3, ~0U, 0);
+      for (int child = 0; child < 5; ++child) {
+         world.start([] { ::_exit(3); });
+      }
+      EXPECT_TRUE(runUntil([&] { return world.tracker->outcomes() == 5; }));
+   });
+   gate.open(5);
+   world.runAll();
+   EXPECT_EQ(world.tracker->outcomes(), 600U);
+}
+
 void itsSiblingsAreNotItsChildren(World& world) {
    const Gate gate;
    const Child sibling = world.childOf(world.startAt(gate, 9));
@@ -319,9 +337,9 @@ INSTANTIATE_TEST_SUITE_P(
    InTheChild, Faults,
    bothWays({FAULT(theContextSaysWhatIsKept), FAULT(thereIsNoListing), FAULT(closingFails),
              FAULT(theManagersDescriptorsAreClosed), FAULT(itDoesAsItLikesWithWhatItInherited),
-             FAULT(thePollSetsNumberIsReused), FAULT(itsSiblingsAreNotItsChildren),
-             FAULT(itExitsWithItsCopyOfEverything), FAULT(thereAreNoPagesThatForkWipes),
-             FAULT(childrenTrackTheirOwnToAnyDepth)}),
+             FAULT(thePollSetsNumberIsReused), FAULT(itClosesWhatItInheritedBehindTheManager),
+             FAULT(itsSiblingsAreNotItsChildren), FAULT(itExitsWithItsCopyOfEverything),
+             FAULT(thereAreNoPagesThatForkWipes), FAULT(childrenTrackTheirOwnToAnyDepth)}),
    Faults::name);
 
 } // namespace

@@ -309,8 +309,10 @@ void threadsAreBusy(World& world) {
       }
    };
    std::thread threads[] = {std::thread(busy), std::thread(busy)};
+   Vel::TraceFacility::sinkIs([](auto&&...) {});
+   Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 8, true);
    for (int child = 0; child < 100; ++child) {
-      world.start([] {}, keeping({2}));
+      world.start([&] { world.tracker->handleTerminatedChildProcess(0); }, keeping({2}));
    }
    world.runAll();
    over = true;
