@@ -11,18 +11,10 @@ namespace Zor {
 // The library's one trace handle, "ChildProcessTracker".
 Vel::TraceHandle& _defaultTraceHandle();
 
-constexpr Vel::TraceFacility::FacilityLevel traceLevel = 8;
-
-// Out of line: where tracing is off a traced operation does nothing but ask.
+// Out of line: where tracing is off, a traced operation has nothing of it but the question.
 template <class Body>
-[[gnu::noinline]] void traceOn(int line, const char* function, const char* signature,
-                               const Body& body) {
-   alignas(Vel::TraceHelper) std::byte storage[sizeof(Vel::TraceHelper)];
-   auto* const helper =
-      Vel::TraceHelper::createIfEnabled(_defaultTraceHandle(), traceLevel, storage);
-   if (helper == nullptr) {
-      return;
-   }
+[[gnu::noinline]] void compose(Vel::TraceHelper* helper, int line, const char* function,
+                               const char* signature, const Body& body) {
    const Vel::EnsureTraceHelperIsDestroyed guard(helper);
    body(helper->stream() << signature << ' ');
    helper->trace("ChildProcessTracker", line, function);
@@ -31,8 +23,11 @@ template <class Body>
 // One message: the emitting operation's signature, a blank, and what body(stream) writes.
 template <class Body>
 void trace(int line, const char* function, const char* signature, const Body& body) {
-   if (_defaultTraceHandle().levelEnabled(traceLevel)) [[unlikely]] {
-      traceOn(line, function, signature, body);
+   constexpr Vel::TraceFacility::FacilityLevel level = 8;
+   alignas(Vel::TraceHelper) std::byte storage[sizeof(Vel::TraceHelper)];
+   if (auto* const helper =
+          Vel::TraceHelper::createIfEnabled(_defaultTraceHandle(), level, storage)) [[unlikely]] {
+      compose(helper, line, function, signature, body);
    }
 }
 
