@@ -66,7 +66,6 @@ template <class T> class Ptr {
 
  private:
    template <class U> friend class Ptr;
-   template <class U, class... Args> friend Ptr<U> newEntity(Args&&... args);
 
    [[gnu::always_inline]] void take() const noexcept {
       if (object_ != nullptr) {
@@ -114,7 +113,7 @@ template <class T> class ValidPtr : public Ptr<T> {
 };
 
 // Makes an entity of class T: the allocation tallied in the class's velAllocTrackTypeInfo_, memory
-// from velMemAlloc, the constructor, and a handle that takes the creation reference over. Whatever
+// from velMemAlloc, the constructor, a handle taken and the creation reference given up. Whatever
 // throws on the way leaves nothing behind.
 template <class T, class... Args> Ptr<T> newEntity(Args&&... args) {
    constexpr auto size = static_cast<unsigned>(sizeof(T));
@@ -129,8 +128,8 @@ template <class T, class... Args> Ptr<T> newEntity(Args&&... args) {
       ::operator delete(memory);
       throw;
    }
-   Ptr<T> handle;
-   handle.object_ = made;
+   Ptr<T> handle(made);
+   made->referencesDec();
    return handle;
 }
 
