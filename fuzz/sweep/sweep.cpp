@@ -116,7 +116,7 @@ long syscall(long number, ...) noexcept {
    REAL(long, syscall, (long, ...));
    std::va_list arguments;
    va_start(arguments, number);
-   long words[6];
+   long words[5]; // as many as come in registers: there may be no more to read
    for (long& word : words) {
       word = va_arg(arguments, long);
    }
@@ -127,7 +127,7 @@ long syscall(long number, ...) noexcept {
    }
    return callFails(number == SYS_pidfd_open ? EMFILE : ENOSYS)
              ? -1
-             : next(number, words[0], words[1], words[2], words[3], words[4], words[5]);
+             : next(number, words[0], words[1], words[2], words[3], words[4]);
 }
 }
 #undef FAULTY
