@@ -6,7 +6,6 @@
 #include <Vel/String8.h>
 
 #include <cstdint>
-#include <memory>
 
 namespace Vel {
 
@@ -57,11 +56,8 @@ class VEL_EXPORT ActivityManagerSm : public PtrInterface {
 
  private:
    template <class T, class... Args> friend Ptr<T> newEntity(Args&&... args);
-   friend class ActivityCore;
    ActivityManagerSm();
    ~ActivityManagerSm() override;
-
-   std::unique_ptr<ActivityCore> core_;
 };
 
 class VEL_EXPORT ActivityImplFacility {
@@ -119,7 +115,7 @@ class VEL_EXPORT FileDescriptor : public PtrInterface {
 
    void settingIs(std::uint32_t setting, bool on);
    std::uint32_t wantedEvents() const noexcept;
-   void nonBlockingApply(int flags) noexcept; // the descriptor's present ones
+   void nonBlockingApply() noexcept;
    void watchUpdate();
    // serial: the number's; another one once this object has given the number up.
    void deliver(std::uint32_t events, const std::uint32_t& serial);
@@ -130,6 +126,7 @@ class VEL_EXPORT FileDescriptor : public PtrInterface {
    Name name_;
    mutable NotifieeList notifieeList_;
    std::uint32_t settings_ = 0;
+   bool hungUp_ = false; // the last event told of the end, and of nothing to read before it
 };
 
 // Watches a descriptor. Handlers run on the activity thread and may do anything.

@@ -2,20 +2,24 @@
 
 namespace Vel {
 
+namespace {
+ActivityCore& core() noexcept { return ActivityCore::instance(); }
+} // namespace
+
 AllocTrackTypeInfo* ActivityManagerSm::velAllocTrackTypeInfo_ = nullptr;
 
-ActivityManagerSm::ActivityManagerSm() : core_(std::make_unique<ActivityCore>()) {}
+ActivityManagerSm::ActivityManagerSm() = default;
 ActivityManagerSm::~ActivityManagerSm() = default;
 
-int ActivityManagerSm::runOnce(int timeoutMs) { return core_->runOnce(timeoutMs); }
-void ActivityManagerSm::run() { core_->run(); }
-void ActivityManagerSm::stop() noexcept { core_->stop(); }
-int ActivityManagerSm::pollFd() { return core_->pollFd(); }
-ActivityManagerSm::Wakeups ActivityManagerSm::wakeups() const noexcept { return core_->wakeups(); }
-bool ActivityManagerSm::fd(int descriptor) const noexcept { return core_->fd(descriptor); }
-void ActivityManagerSm::fdDel(int descriptor) noexcept { core_->fdDel(descriptor); }
+int ActivityManagerSm::runOnce(int timeoutMs) { return core().runOnce(timeoutMs); }
+void ActivityManagerSm::run() { core().run(); }
+void ActivityManagerSm::stop() noexcept { core().stop(); }
+int ActivityManagerSm::pollFd() { return core().pollFd(); }
+ActivityManagerSm::Wakeups ActivityManagerSm::wakeups() const noexcept { return core().wakeups(); }
+bool ActivityManagerSm::fd(int descriptor) const noexcept { return core().fd(descriptor); }
+void ActivityManagerSm::fdDel(int descriptor) noexcept { core().fdDel(descriptor); }
 int ActivityManagerSm::fdDelUnless(bool (*kept)(int, const void*), const void* context) noexcept {
-   return core_->fdDelUnless(kept, context);
+   return core().fdDelUnless(kept, context);
 }
 
 Ptr<ActivityManagerSm> ActivityImplFacility::activityManagerSm() {
@@ -27,11 +31,6 @@ Ptr<ActivityManagerSm> ActivityImplFacility::activityManagerSm() {
       return made.get();
    }();
    return manager;
-}
-
-ActivityCore& ActivityCore::instance() {
-   static ActivityCore& core = *ActivityImplFacility::activityManagerSm()->core_;
-   return core;
 }
 
 } // namespace Vel

@@ -21,6 +21,9 @@ class ChildSiginfo::ChildPipeReactor final : public FileDescriptor::NotifieeCons
 
    void siginfoIs(ChildSiginfo* siginfo) noexcept { siginfo_ = siginfo; }
    void onReadable() override;
+   FileDescriptor* pipe() const noexcept { // uncounted
+      return const_cast<FileDescriptor*>(static_cast<const FileDescriptor*>(rawNotifier()));
+   }
 
  private:
    static bool drained(const FileDescriptor& pipe) noexcept;
@@ -29,14 +32,13 @@ class ChildSiginfo::ChildPipeReactor final : public FileDescriptor::NotifieeCons
 };
 
 void ChildSiginfo::ChildPipeReactor::onReadable() {
-   const Ptr<FileDescriptor const> pipe = notifier();
-   if (drained(*pipe)) {
+   const FileDescriptor& watched = *pipe(); // held by whoever delivers
+   if (!watched.hungUp_ && drained(watched)) {
       return;
    }
-   const Ptr<ChildSiginfo> siginfo(siginfo_); // the end of the pipe may be the child's
-   isRegisteredNotifieeIs(false);             // out of the poll set: it would be readable for ever
-   if (siginfo) {
-      ChildWatch::instance().pipeEnded(*siginfo);
+   isRegisteredNotifieeIs(false); // out of the poll set: it would be readable for ever
+   if (siginfo_ != nullptr) {
+      ChildWatch::instance().pipeEnded(*siginfo_); // the last step: it may end all of these
    }
 }
 
@@ -93,8 +95,10 @@ void ChildSiginfo::endIs(const End& end) {
    if (childPipe_) {
       childPipe_->close();
    }
-   if (childPipeReactor_ && childPipeReactor_->notifier()) { // usually the same one
-      const_cast<FileDescriptor*>(childPipeReactor_->notifier().get())->close();
+   FileDescriptor* const watched =
+      childPipeReactor_ ? static_cast<ChildPipeReactor&>(*childPipeReactor_).pipe() : nullptr;
+   if (watched != nullptr && watched != childPipe_.get()) {
+      watched->close();
    }
    coreDumped_ = end.coreDumped;
    provenance_ = end.provenance;

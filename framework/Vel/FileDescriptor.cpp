@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -21,10 +22,8 @@ void FileDescriptor::descriptorIs(int descriptor) {
       return;
    }
    ActivityCore& core = ActivityCore::instance();
-   int flags = -1;
    if (descriptor >= 0) {
-      flags = ::fcntl(descriptor, F_GETFL);
-      if (flags < 0) { // it would be the next one's who gets the number
+      if (::fcntl(descriptor, F_GETFD) < 0) { // it would be the next one's who gets the number
          throwSystemException("a descriptor that isn't open", errno);
       }
       core.ownerIs(descriptor, this);
@@ -38,7 +37,7 @@ void FileDescriptor::descriptorIs(int descriptor) {
    close();
    descriptor_ = descriptor;
    if (nonBlocking()) {
-      nonBlockingApply(flags);
+      nonBlockingApply();
    }
 }
 
@@ -47,13 +46,14 @@ void FileDescriptor::nonBlockingIs(bool on) {
       return;
    }
    settings_ ^= nonBlockingSetting;
-   nonBlockingApply(descriptor_ >= 0 ? ::fcntl(descriptor_, F_GETFL) : -1);
+   nonBlockingApply();
 }
 
 // A descriptor that isn't open is told of when it is watched, like any other that can't be.
-void FileDescriptor::nonBlockingApply(int flags) noexcept {
-   if (flags >= 0) {
-      ::fcntl(descriptor_, F_SETFL, nonBlocking() ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
+void FileDescriptor::nonBlockingApply() noexcept {
+   if (descriptor_ >= 0) {
+      int on = nonBlocking() ? 1 : 0;
+      ::ioctl(descriptor_, FIONBIO, &on);
    }
 }
 
@@ -64,7 +64,7 @@ void FileDescriptor::notifyOnExceptionIs(bool on) { settingIs(exceptionSetting, 
 void FileDescriptor::settingIs(std::uint32_t setting, bool on) {
    const std::uint32_t previous = settings_;
    settings_ = on ? settings_ | setting : settings_ & ~setting;
-   if (settings_ == previous) {
+   if (settings_ == previous || notifieeList_.empty()) { // nobody watches
       return;
    }
    try {
@@ -98,6 +98,7 @@ void FileDescriptor::deliver(std::uint32_t events, const std::uint32_t& serial) 
       ActivityCore::instance().deliveryMade();
    }
    const bool failed = (events & (EPOLLHUP | EPOLLERR)) != 0;
+   hungUp_ = (events & (EPOLLHUP | EPOLLIN)) == EPOLLHUP;
    if (notifyOnReadable() && (failed || (events & (EPOLLIN | EPOLLRDHUP)) != 0)) {
       announceTo<&NotifieeConst::onReadable, NotifieeConst>(this, notifieeList_);
    }

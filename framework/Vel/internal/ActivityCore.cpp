@@ -150,9 +150,7 @@ void ActivityCore::release(int descriptor) noexcept {
       return;
    }
    // Removed before it is closed: where a child has a copy, closing alone would leave it in.
-   if (place->events != 0) {
-      control(EPOLL_CTL_DEL, descriptor, *place, 0);
-   }
+   unwatch(descriptor, *place);
    place->vacate();
 }
 
@@ -205,6 +203,13 @@ int ActivityCore::control(int operation, int descriptor, const DescriptorPlace& 
    return ::epoll_ctl(pollSet_, operation, descriptor, &event) == 0 ? 0 : errno;
 }
 
+void ActivityCore::unwatch(int descriptor, DescriptorPlace& place) noexcept {
+   if (place.events != 0) {
+      ::epoll_ctl(pollSet_, EPOLL_CTL_DEL, descriptor, nullptr);
+      place.events = 0;
+   }
+}
+
 void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
    adoptProcess();
    DescriptorPlace* const place = table_.find(descriptor);
@@ -212,8 +217,7 @@ void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
       return;
    }
    if (events == 0) {
-      control(EPOLL_CTL_DEL, descriptor, *place, 0);
-      place->events = 0;
+      unwatch(descriptor, *place);
       return;
    }
    pollSet(); // may be new, and then has what this object wants already
@@ -327,7 +331,12 @@ void ActivityCore::deliverFetched() {
    // What an exception leaves undelivered goes back to the kernel, where pollFd shows it.
    const struct ArmAgain {
       ActivityCore& core;
-      ~ArmAgain() { core.armAgain(); }
+      ~ArmAgain() {
+         if (core.next_ != core.end_) {
+            core.armAgain();
+         }
+         core.closeBatch();
+      }
    } armAgain{*this};
    while (next_ != end_) {
       // Copied and counted off first: a run within the handler goes on behind it, and a child that
@@ -367,7 +376,7 @@ void ActivityCore::closeBatch() noexcept {
 }
 
 // Modifying a registration makes the kernel look again, which brings back an edge that was fetched
-// and not delivered. Nothing is left to arm when all was delivered.
+// and not delivered.
 void ActivityCore::armAgain() noexcept {
    adoptProcess();
    for (; next_ != end_; ++next_) {
@@ -376,7 +385,6 @@ void ActivityCore::armAgain() noexcept {
          control(EPOLL_CTL_MOD, numberOf(event), *place, place->events);
       }
    }
-   closeBatch();
 }
 
 } // namespace Vel

@@ -12,18 +12,17 @@
 
 namespace Vel {
 
-// The watch of children, as the core sees it: an owner of descriptors that are not objects. As it
-// stands here, for as long as there are no children.
+// The watch of children, as the core sees it: an owner of descriptors that are not objects.
 class ChildEvents {
  public:
-   virtual void onEvent(std::uint32_t /*tag*/) {}      // may run handlers, throw
-   virtual void onPause() {}                           // the pause is over; likewise
-   virtual int pauseMs() const noexcept { return -1; } // to onPause; -1: a timer says so, or never
-   virtual void onBeforeWait() noexcept {}             // the time to open anew what was lost
-   virtual void onForgotten(std::uint32_t /*tag*/) noexcept {}
-   virtual void onPipeForgotten() noexcept {}
-   virtual void onPollSetLost() noexcept {}
-   virtual void onFork() noexcept {} // nothing of the parent's is this process's
+   virtual void onEvent(std::uint32_t tag) = 0; // may run handlers, throw
+   virtual void onPause() = 0;                  // the pause is over; likewise
+   virtual int pauseMs() const noexcept = 0;    // to onPause; -1: a timer says so, or never
+   virtual void onBeforeWait() noexcept = 0;    // the time to open anew what was lost
+   virtual void onForgotten(std::uint32_t tag) noexcept = 0;
+   virtual void onPipeForgotten() noexcept = 0;
+   virtual void onPollSetLost() noexcept = 0;
+   virtual void onFork() noexcept = 0; // nothing of the parent's is this process's
 
  protected:
    ~ChildEvents() = default;
@@ -31,7 +30,7 @@ class ChildEvents {
 
 class ActivityCore {
  public:
-   static ActivityCore& instance();
+   static ActivityCore& instance() noexcept;
 
    int runOnce(int timeoutMs);
    void run();
@@ -52,7 +51,7 @@ class ActivityCore {
    // Out of the poll set and without an owner, who is about to close it.
    void release(int descriptor) noexcept;
 
-   void childEventsIs(ChildEvents* children) noexcept { children_ = children; }
+   constexpr void childEventsIs(ChildEvents* children) noexcept { children_ = children; }
    void deliveryMade() noexcept { ++deliveries_; }
    // Called first by whatever may run in a forked child: leaves the parent's things to the parent.
    void adoptProcess() noexcept {
@@ -79,6 +78,7 @@ class ActivityCore {
    void fillPollSet();
    int control(int operation, int descriptor, const DescriptorPlace& place,
                std::uint32_t events) noexcept;
+   void unwatch(int descriptor, DescriptorPlace& place) noexcept;
    void fetch(std::int64_t waitMs);
    int wait(std::int64_t waitMs);
    void deliverFetched();
@@ -89,14 +89,12 @@ class ActivityCore {
 
    ForkMark mark_;
    DescriptorTable table_;
-   struct NoChildren final : ChildEvents {
-   } noChildren_;
-   ChildEvents* children_ = &noChildren_; // lives for the process
+   ChildEvents* children_ = nullptr; // lives for the process, and is there before anything runs
    int pollSet_ = -1;
    int pollSetEnd_ = 0; // one more than the highest number that it ever had
    // Events that were fetched and not yet delivered. They are the manager's, not a call's: a run
    // within a handler goes on with them.
-   std::array<epoll_event, 64> fetched_;
+   std::array<epoll_event, 64> fetched_{};
    int next_ = 0;
    int end_ = 0;
    bool batchOpen_ = false; // fetched, and not yet told whether it delivered anything

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <new>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -25,23 +24,7 @@ std::int64_t nowMs() {
 
 } // namespace
 
-ChildWatch::ChildWatch() : core_(ActivityCore::instance()) { core_.childEventsIs(this); }
-
-ChildWatch& ChildWatch::instance() {
-   // Never destroyed: the program's static objects may end later and have children.
-   alignas(ChildWatch) static std::byte storage[sizeof(ChildWatch)];
-   static auto* const watch = ::new (static_cast<void*>(storage)) ChildWatch;
-   watch->core_.adoptProcess();
-   return *watch;
-}
-
 // ---- places ----
-
-void ChildWatch::forkedReserve() {
-   if (children_.size() == children_.capacity()) {
-      children_.reserve(std::max<std::size_t>(16, 2 * children_.size()));
-   }
-}
 
 void ChildWatch::forkedIs(int pid) noexcept {
    // Whoever else is asked for by this number has been reaped by other code, or fork could not
@@ -75,7 +58,7 @@ void ChildWatch::unsettledIs(Place& place, bool unsettled) noexcept {
 std::uint32_t ChildWatch::placeFor(ChildSiginfo& siginfo) {
    if (unwatchedCount_ != 0) {
       // From the back: it is nearly always the child that has just been forked.
-      for (auto at = static_cast<std::uint32_t>(children_.size()); at-- > 0;) {
+      for (std::uint32_t at = children_.size(); at-- > 0;) {
          Place& place = children_[at];
          if (place.siginfo == nullptr && place.pid == siginfo.pid() && !place.gone) {
             place.siginfo = &siginfo;
@@ -84,9 +67,9 @@ std::uint32_t ChildWatch::placeFor(ChildSiginfo& siginfo) {
          }
       }
    }
-   forkedReserve();
+   children_.reserveOne();
    children_.push_back({.siginfo = &siginfo, .pid = siginfo.pid()});
-   return static_cast<std::uint32_t>(children_.size() - 1);
+   return children_.size() - 1;
 }
 
 bool ChildWatch::watch(ChildSiginfo& siginfo, bool pipeWatched) {
@@ -128,18 +111,16 @@ void ChildWatch::drop(std::uint32_t at) noexcept {
    } else {
       --unwatchedCount_;
    }
-   // The last one moves here, and what knows its place is told.
-   const Place last = children_.back();
-   children_.pop_back();
-   if (at < children_.size()) {
-      children_[at] = last;
-      if (last.siginfo != nullptr) {
-         last.siginfo->place_ = at;
+   if (at != children_.size() - 1) { // the last one moves here, and what knows its place is told
+      place = children_.back();
+      if (place.siginfo != nullptr) {
+         place.siginfo->place_ = at;
       }
-      if (last.owned) {
-         core_.tagIs(last.pidfd, at);
+      if (place.owned) {
+         core_.tagIs(place.pidfd, at);
       }
    }
+   children_.pop_back();
 }
 
 void ChildWatch::closePidfd(Place& place) noexcept {
@@ -248,7 +229,8 @@ void ChildWatch::onForgotten(std::uint32_t tag) noexcept {
 }
 
 void ChildWatch::onPollSetLost() noexcept {
-   for (Place& place : children_) {
+   for (std::uint32_t at = 0; at < children_.size(); ++at) {
+      Place& place = children_[at];
       unsettledIs(place, place.unsettled || place.watched);
       place.watched = false;
    }
@@ -256,9 +238,9 @@ void ChildWatch::onPollSetLost() noexcept {
 }
 
 void ChildWatch::onFork() noexcept {
-   for (const Place& place : children_) {
-      if (place.siginfo != nullptr) {
-         place.siginfo->place_ = ChildSiginfo::noPlace;
+   for (std::uint32_t at = 0; at < children_.size(); ++at) {
+      if (ChildSiginfo* const siginfo = children_[at].siginfo) {
+         siginfo->place_ = ChildSiginfo::noPlace;
       }
    }
    children_.clear();
@@ -362,8 +344,11 @@ bool ChildWatch::signal(const ChildSiginfo& siginfo, int number) {
 // ---- asking in pauses ----
 
 void ChildWatch::askedIs(Place& place, bool asked) noexcept {
-   askedCount_ += static_cast<std::uint32_t>(asked) - static_cast<std::uint32_t>(place.asked);
+   if (asked == place.asked) {
+      return;
+   }
    place.asked = asked;
+   askedCount_ += asked ? 1U : ~0U;
    if (askedCount_ == 0) {
       pausing_ = false;
       closeTimer();

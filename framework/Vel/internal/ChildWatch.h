@@ -3,10 +3,10 @@
 
 #include <Vel/ChildSiginfo.h>
 #include <Vel/internal/ActivityCore.h>
+#include <Vel/internal/Pages.h>
 #include <Vel/internal/ProcessStatus.h>
 
 #include <cstdint>
-#include <vector>
 
 namespace Vel {
 
@@ -21,10 +21,11 @@ struct ChildSiginfo::End {
 // reap. A pidfd, edge-triggered, tells of the end. Where there is none, or the poll set refuses
 // it, the child is asked after: when its pipe ends, and in growing pauses, one timer for all.
 //
-// Made once and kept for the process. After a fork the child starts with an empty table.
+// One for the process. After a fork the child starts with an empty table.
 class ChildWatch final : public ChildEvents {
  public:
-   static ChildWatch& instance();
+   static ChildWatch& instance() noexcept;
+   constexpr explicit ChildWatch(ActivityCore& core) noexcept : core_(core) {}
 
    // Starts watching the process for the siginfo, beside the pipe if that is watched. Throws
    // bad_alloc; false when nothing would ever tell of the end, and then nothing is watched.
@@ -36,7 +37,7 @@ class ChildWatch final : public ChildEvents {
    void conclude(ChildSiginfo& siginfo);
    bool signal(const ChildSiginfo& siginfo, int number);
 
-   void forkedReserve();
+   void forkedReserve() { children_.reserveOne(); }
    void forkedIs(int pid) noexcept;
    void settle() noexcept; // watches anew, or at all, whatever lost its watch or never got one
 
@@ -51,8 +52,8 @@ class ChildWatch final : public ChildEvents {
 
  private:
    struct Place {
-      ChildSiginfo* siginfo; // uncounted: it leaves before it ends
-      int pid;
+      ChildSiginfo* siginfo = nullptr; // uncounted: it leaves before it ends
+      int pid = 0;
       int pidfd = -1;
       bool forked = false;    // by us: reaped even when nobody watches
       bool ours = true;       // our child, so waiting for it is right
@@ -65,8 +66,6 @@ class ChildWatch final : public ChildEvents {
    };
 
    static constexpr int longestPause = 1000;
-
-   ChildWatch();
 
    std::uint32_t placeFor(ChildSiginfo& siginfo);
    void open(std::uint32_t at) noexcept;
@@ -86,7 +85,7 @@ class ChildWatch final : public ChildEvents {
    void closeTimer() noexcept;
 
    ActivityCore& core_;
-   std::vector<Place> children_;      // unordered; each siginfo and pidfd knows its place
+   PagedVector<Place> children_;      // unordered; each siginfo and pidfd knows its place
    std::uint32_t unwatchedCount_ = 0; // places without a siginfo
    std::uint32_t askedCount_ = 0;
    std::uint32_t unsettledCount_ = 0;

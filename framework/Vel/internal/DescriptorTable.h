@@ -1,10 +1,9 @@
 // Who owns which descriptor, by number.
 #pragma once
 
-#include <cstddef>
+#include <Vel/internal/Pages.h>
+
 #include <cstdint>
-#include <memory>
-#include <vector>
 
 namespace Vel {
 
@@ -29,36 +28,29 @@ struct DescriptorPlace {
    }
 };
 
-// Places by number, in pages that come with the first owner in them and stay. Looking up is O(1).
+// Looking up is O(1); a negative number has no place.
 class DescriptorTable {
  public:
    DescriptorPlace* find(int descriptor) noexcept {
-      const std::size_t page = static_cast<unsigned>(descriptor) / pageSize; // none if negative
-      return page < pages_.size() && pages_[page] != nullptr
-                ? &pages_[page]->places[static_cast<unsigned>(descriptor) % pageSize]
-                : nullptr;
+      return places_.find(static_cast<std::uint32_t>(descriptor));
    }
-   DescriptorPlace& make(int descriptor); // throws bad_alloc, and changes nothing then
+   DescriptorPlace& make(int descriptor) { // throws bad_alloc, and changes nothing then
+      return places_.make(static_cast<std::uint32_t>(descriptor));
+   }
    // One more than the highest number that there is a place for.
-   std::int64_t end() const noexcept { return static_cast<std::int64_t>(pages_.size()) * pageSize; }
+   std::int64_t end() const noexcept { return places_.end(); }
 
    // For every place with an owner: visit(number, place).
    template <class Visit> void forEach(Visit&& visit) {
-      for (std::size_t page = 0; page < pages_.size(); ++page) {
-         for (unsigned at = 0; pages_[page] != nullptr && at < pageSize; ++at) {
-            if (pages_[page]->places[at].owner != 0) {
-               visit(static_cast<int>(page * pageSize + at), pages_[page]->places[at]);
-            }
+      places_.forEach([&](std::uint32_t number, DescriptorPlace& place) {
+         if (place.owner != 0) {
+            visit(static_cast<int>(number), place);
          }
-      }
+      });
    }
 
  private:
-   static constexpr unsigned pageSize = 64;
-   struct Page {
-      DescriptorPlace places[pageSize];
-   };
-   std::vector<std::unique_ptr<Page>> pages_;
+   Pages<DescriptorPlace> places_;
 };
 
 } // namespace Vel

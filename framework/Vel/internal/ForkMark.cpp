@@ -7,36 +7,34 @@
 namespace Vel {
 
 namespace {
-constexpr std::size_t markSize = 4096;
-}
 
-ForkMark::ForkMark() noexcept : pid_(::getpid()) {
+// Zeroed, and again in every child; null where the kernel has no such pages.
+int* wipedOnFork() noexcept {
+   constexpr std::size_t size = 4096;
    void* const page =
-      ::mmap(nullptr, markSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
    if (page == MAP_FAILED) {
-      return;
+      return nullptr;
    }
-   if (::madvise(page, markSize, MADV_WIPEONFORK) != 0) {
-      ::munmap(page, markSize);
-      return;
+   if (::madvise(page, size, MADV_WIPEONFORK) != 0) {
+      ::munmap(page, size);
+      return nullptr;
    }
-   word_ = static_cast<volatile int*>(page);
-   *word_ = 1;
+   return static_cast<int*>(page);
 }
 
-ForkMark::~ForkMark() {
-   if (word_ != nullptr) {
-      ::munmap(const_cast<int*>(word_), markSize);
-   }
-}
+} // namespace
 
-bool ForkMark::otherProcess() const noexcept { return pid_ != ::getpid(); }
+bool ForkMark::otherProcess() const noexcept { return page_ != nullptr || pid_ != ::getpid(); }
 
 void ForkMark::renew() noexcept {
-   if (word_ != nullptr) {
-      *word_ = 1;
-   } else {
-      pid_ = ::getpid();
+   if (pid_ == 0) {
+      page_ = wipedOnFork();
+   }
+   pid_ = ::getpid();
+   if (page_ != nullptr) {
+      *page_ = 1;
+      word_ = page_;
    }
 }
 
