@@ -75,7 +75,7 @@ class ReadEnd {
 
  private:
    bool isThePipe() const noexcept {
-      struct stat present {};
+      struct stat present;
       if (::fstat(descriptor_, &present) != 0) {
          return errno != EBADF; // as far as anybody can tell
       }
@@ -83,11 +83,12 @@ class ReadEnd {
    }
 
    int descriptor_;
-   struct stat pipe_ {};
+   struct stat pipe_; // if known
    bool known_;
 };
 
 void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) {
+   const Vel::Ptr<Sm> self(&tracker); // a hook may drop every other handle
    const ForkedChild forked(pid);
    Vel::FirstException fromStale; // thrown only when the new child is safe
    if (!forgetStale(tracker, pid, fromStale)) {
@@ -111,8 +112,13 @@ void registerChild(Sm& tracker, int pid, const Vel::String8& name, int readEnd) 
 S32 Sm::forkChild(Vel::String8 name, void (*const& fn)(ChildProcessInitCallbackContext),
                   void* const& arg,
                   const Vel::Ptr<ChildProcessTrackerCloseFdsContext>& closeFdsContext) {
-   const Vel::Ptr<ChildProcessTrackerSm> self(this); // a sink or hook may drop every other handle
-   trace(63, "forkChild", signature, [&](std::ostream& stream) { stream << name; });
+   // Held only while tracing and while registering: letting go of it in the child would cost that a
+   // copy of the tracker's page.
+   Vel::Ptr<ChildProcessTrackerSm> self;
+   trace(63, "forkChild", signature, [&](std::ostream& stream) {
+      self = this; // a sink may drop every other handle
+      stream << name;
+   });
    Vel::ChildSiginfo::forkedReserve();
    int ends[2];
    if (::pipe(ends) != 0) {

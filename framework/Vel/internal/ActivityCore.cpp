@@ -43,7 +43,9 @@ std::uint64_t packed(int descriptor, std::uint32_t serial) {
 
 int numberOf(const epoll_event& event) { return static_cast<int>(event.data.u64 & 0xffffffff); }
 
-std::uint64_t taggedOwner(std::uint32_t tag) { return static_cast<std::uint64_t>(tag) << 1 | 1; }
+std::uintptr_t taggedOwner(std::uint32_t tag) {
+   return static_cast<std::uintptr_t>(tag) << 1 | DescriptorPlace::tagBit;
+}
 
 } // namespace
 
@@ -61,7 +63,7 @@ void ActivityCore::leaveParent() noexcept {
    table_.forEach([](int, DescriptorPlace& place) {
       place.events = 0;
       FileDescriptor* const object = place.object();
-      if (object == nullptr || (object->settings_ & FileDescriptor::childPipeSetting) != 0) {
+      if (object == nullptr || place.childPipe()) {
          place.vacate();
          if (object != nullptr) {
             object->forget();
@@ -80,7 +82,9 @@ bool ActivityCore::fd(int descriptor) noexcept {
 }
 
 void ActivityCore::ownerIs(int descriptor, FileDescriptor* object) {
-   ownerIs(descriptor, reinterpret_cast<std::uintptr_t>(object));
+   const bool childPipe = (object->settings_ & FileDescriptor::childPipeSetting) != 0;
+   ownerIs(descriptor, reinterpret_cast<std::uintptr_t>(object) |
+                          (childPipe ? DescriptorPlace::childPipeBit : 0));
 }
 
 void ActivityCore::ownerIs(int descriptor, std::uint32_t tag) {
@@ -104,7 +108,7 @@ void ActivityCore::forgotten(std::uintptr_t owner) noexcept {
    const DescriptorPlace had{.owner = owner};
    if (FileDescriptor* const object = had.object()) {
       object->forget();
-      if ((object->settings_ & FileDescriptor::childPipeSetting) != 0) {
+      if (had.childPipe()) {
          children_->onPipeForgotten();
       }
    } else {
@@ -245,9 +249,8 @@ int ActivityCore::pollFd() {
 
 int ActivityCore::runOnce(int timeoutMs) {
    adoptProcess();
-   const std::uint64_t deliveriesBefore = deliveries_;
-   const std::uint64_t claimedBefore = claimed_;
-   const auto mine = [&] { return deliveries_ - deliveriesBefore - (claimed_ - claimedBefore); };
+   const std::uint64_t before = unclaimed();
+   const auto mine = [&] { return unclaimed() - before; };
    const Deadline deadline(timeoutMs);
    std::int64_t left = timeoutMs;
    // Events than could be fetched at once: looked for until every descriptor has had its turn, and
@@ -298,9 +301,21 @@ void ActivityCore::fetch(std::int64_t waitMs) {
    next_ = end_ = 0;
    end_ = wait(pauseFirst ? pause : waitMs);
    if (end_ > 0) {
+      pipesLast();
       ++wakeups_.total;
       batchOpen_ = true;
       deliveredBefore_ = deliveries_;
+   }
+}
+
+// Puts the pipes of children behind what else was fetched. Usually their ends are among that, and
+// then the pipes are closed before their turn.
+void ActivityCore::pipesLast() noexcept {
+   auto others = fetched_.begin(); // the end of those that are in front
+   for (auto at = others; at != fetched_.begin() + end_; ++at) {
+      if (!table_.find(numberOf(*at))->childPipe()) {
+         std::rotate(others++, at, at + 1);
+      }
    }
 }
 

@@ -79,7 +79,9 @@ class ActivityCore {
    int control(int operation, int descriptor, const DescriptorPlace& place,
                std::uint32_t events) noexcept;
    void unwatch(int descriptor, DescriptorPlace& place) noexcept;
+   std::uint64_t unclaimed() const noexcept { return deliveries_ - claimed_; }
    void fetch(std::int64_t waitMs);
+   void pipesLast() noexcept;
    int wait(std::int64_t waitMs);
    void deliverFetched();
    const DescriptorPlace* placeOf(const epoll_event& event) noexcept;

@@ -9,17 +9,21 @@ namespace Vel {
 
 class FileDescriptor;
 
-// One descriptor number. Its owner is a descriptor object, or the watch of children with a tag
-// of its choice.
+// One descriptor number. Its owner is a descriptor object, that of a child's pipe for instance, or
+// the watch of children with a tag of its choice.
 struct DescriptorPlace {
-   std::uintptr_t owner = 0; // 0: none; low bit set: the tag; else the descriptor object
+   static constexpr std::uintptr_t tagBit = 1;
+   static constexpr std::uintptr_t childPipeBit = 2; // in an object's address
+
+   std::uintptr_t owner = 0; // 0: none
    std::uint32_t serial = 0; // another one for each owner: tells a fetched event that it is late
    std::uint32_t events = 0; // what the poll set watches it for; 0: it is not in there
 
-   bool tagged() const noexcept { return (owner & 1) != 0; }
+   bool tagged() const noexcept { return (owner & tagBit) != 0; }
    std::uint32_t tag() const noexcept { return static_cast<std::uint32_t>(owner >> 1); }
+   bool childPipe() const noexcept { return (owner & (tagBit | childPipeBit)) == childPipeBit; }
    FileDescriptor* object() const noexcept {
-      return tagged() ? nullptr : reinterpret_cast<FileDescriptor*>(owner);
+      return tagged() ? nullptr : reinterpret_cast<FileDescriptor*>(owner & ~childPipeBit);
    }
    void vacate() noexcept {
       owner = 0;

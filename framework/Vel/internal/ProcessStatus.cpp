@@ -62,7 +62,7 @@ bool hungUp(int pidfd) noexcept {
 
 // What the kernel has kept of a process that somebody has reaped. It appears a moment after the
 // process stops being waitable, together with the hangup, which therefore is asked for first.
-Ended recover(int pidfd, ProcessStatus& status) noexcept {
+[[gnu::noinline]] Ended recover(int pidfd, ProcessStatus& status) noexcept {
    const bool gone = hungUp(pidfd);
    PidfdInfo info{};
    info.mask = pidfdInfoExit;
