@@ -10,8 +10,7 @@ namespace {
 class Library : public Contestant {
  public:
    pid_t start(Body body) override {
-      const pid_t pid =
-         checked(tracker_->forkChild("child", nullptr, nullptr, nullptr), "forkChild");
+      const pid_t pid = checked(tracker_->forkChild(name_, nullptr, nullptr, nullptr), "forkChild");
       if (pid == 0) {
          beChild(body);
       }
@@ -33,6 +32,7 @@ class Library : public Contestant {
       Library& library_;
    };
 
+   const Vel::String8 name_ = "child"; // the same for all, as for a program's workers
    const Vel::Ptr<Tracker> tracker_ = Zor::newTracker<Tracker>(*this);
    const Vel::Ptr<Vel::ActivityManagerSm> loop_ = Vel::ActivityImplFacility::activityManagerSm();
 };
