@@ -38,7 +38,7 @@ class Listener : public PtrInterface::NotifieeConst {
  public:
    explicit Listener(char letter) : letter_(letter) {}
    void notifierIs(const Ptr<PtrInterface const>& notifier) override {
-      attach(Ptr<Station const>::narrow(notifier));
+      attach(narrowedTo<Station const>(notifier.get()));
    }
    ~Listener() override { detach(); }
    Ptr<PtrInterface const> notifier() const { return rawNotifier(); }

@@ -145,7 +145,10 @@ class VEL_EXPORT FileDescriptor::NotifieeConst : public PtrInterface::NotifieeCo
    virtual void onException();
 
  private:
-   static void membersChanged(const Ptr<FileDescriptor const>& watched);
+   const FileDescriptor* watchedOne() const noexcept { // uncounted
+      return static_cast<const FileDescriptor*>(rawNotifier());
+   }
+   static void membersChanged(const FileDescriptor* watched);
 };
 
 } // namespace Vel

@@ -166,7 +166,7 @@ void ChildSiginfo::NotifieeConst::isRegisteredNotifieeIs(bool registered) const 
 }
 
 void ChildSiginfo::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& newNotifier) {
-   attach(Ptr<ChildSiginfo const>::narrow(newNotifier));
+   attach(narrowedTo<ChildSiginfo const>(newNotifier.get()));
 }
 
 ChildSiginfo::NotifieeConst::~NotifieeConst() { detach(); }

@@ -126,7 +126,7 @@ void FileDescriptor::NotifieeConst::isRegisteredNotifieeIs(bool registered) cons
    }
    registrationIs(registered);
    try {
-      membersChanged(notifier());
+      membersChanged(watchedOne());
    } catch (...) {
       registrationIs(!registered);
       throw;
@@ -134,30 +134,32 @@ void FileDescriptor::NotifieeConst::isRegisteredNotifieeIs(bool registered) cons
 }
 
 void FileDescriptor::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& newNotifier) {
-   const Ptr<FileDescriptor const> previous = notifier();
-   attach(Ptr<FileDescriptor const>::narrow(newNotifier));
-   if (!isRegisteredNotifiee()) {
-      return; // it is a member of neither
+   const auto* const watched = narrowedTo<FileDescriptor const>(newNotifier.get());
+   if (!isRegisteredNotifiee()) { // it is a member of neither
+      attach(watched);
+      return;
    }
+   const Ptr<FileDescriptor const> previous = notifier();
+   attach(watched);
    try {
-      membersChanged(notifier());
-      membersChanged(previous);
+      membersChanged(watched);
+      membersChanged(previous.get());
    } catch (...) {
-      attach(previous);
+      attach(previous.get());
       throw;
    }
 }
 
 FileDescriptor::NotifieeConst::~NotifieeConst() {
-   const Ptr<FileDescriptor const> watched(isRegisteredNotifiee() ? notifier() : nullptr);
+   const FileDescriptor* const watched = isRegisteredNotifiee() ? watchedOne() : nullptr;
    detach();
    membersChanged(watched); // fewer members: it can only leave the poll set, which never fails
 }
 
 // The first member brings the descriptor into the poll set, the last one takes it out.
-void FileDescriptor::NotifieeConst::membersChanged(const Ptr<FileDescriptor const>& watched) {
-   if (watched && watched->notifieeList_.members() <= 1) {
-      const_cast<FileDescriptor*>(watched.get())->watchUpdate();
+void FileDescriptor::NotifieeConst::membersChanged(const FileDescriptor* watched) {
+   if (watched != nullptr && watched->notifieeList_.members() <= 1) {
+      const_cast<FileDescriptor*>(watched)->watchUpdate();
    }
 }
 

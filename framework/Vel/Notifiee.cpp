@@ -33,19 +33,6 @@ void NotifieeListBase::Block::closeHoles() noexcept {
    used = kept;
 }
 
-NotifieeListBase::Block* NotifieeListBase::block() const noexcept {
-   return (head_ & 1) != 0 ? reinterpret_cast<Block*>(head_ - 1) : nullptr;
-}
-
-PtrInterface::NotifieeConst* NotifieeListBase::single() const noexcept {
-   return (head_ & 1) == 0 ? reinterpret_cast<PtrInterface::NotifieeConst*>(head_) : nullptr;
-}
-
-unsigned NotifieeListBase::members() const noexcept {
-   const Block* const members = block();
-   return members != nullptr ? members->live : head_ != 0;
-}
-
 void NotifieeListBase::reserveMember() {
    Block* const old = block();
    if (head_ == 0 || (old != nullptr && old->used < old->room)) {
@@ -133,8 +120,9 @@ PtrInterface::NotifieeConst::NotifieeConst() noexcept { bitsIs(notificationActiv
 
 PtrInterface::NotifieeConst::~NotifieeConst() {
    // Also for one that was marked for deletion while it was registered: no list keeps the dead.
-   NotifieeList* const list = notifier_ ? notifier_->notifieeList() : nullptr;
-   if (isRegisteredNotifiee_ && list != nullptr) {
+   NotifieeList* const list =
+      isRegisteredNotifiee_ && notifier_ ? notifier_->notifieeList() : nullptr;
+   if (list != nullptr) {
       list->doDeleteMember(this);
    }
 }
@@ -173,7 +161,7 @@ void PtrInterface::NotifieeConst::isRegisteredNotifieeIs(bool registered) const 
 }
 
 void PtrInterface::NotifieeConst::notifierIs(const Ptr<PtrInterface const>& notifier) {
-   attach(notifier);
+   attach(notifier.get());
 }
 
 void PtrInterface::NotifieeConst::handleNotification(ActivityConfig*) {}
@@ -203,17 +191,18 @@ void PtrInterface::NotifieeConst::registrationIs(bool registered) const {
    }
 }
 
-void PtrInterface::NotifieeConst::attach(const Ptr<PtrInterface const>& narrowed) {
-   if (narrowed == notifier_) {
+void PtrInterface::NotifieeConst::attach(const PtrInterface* narrowed) {
+   if (narrowed == notifier_.get()) {
       return;
    }
    NotifieeList* const list =
-      isRegisteredNotifiee_ && narrowed ? narrowed->notifieeList() : nullptr;
+      isRegisteredNotifiee_ && narrowed != nullptr ? narrowed->notifieeList() : nullptr;
    if (list != nullptr) {
       list->reserveMember(); // what can fail comes before anything has changed
    }
    // Its list outlives this member's leaving.
-   const Ptr<PtrInterface const> previous = std::exchange(notifier_, narrowed);
+   const Ptr<PtrInterface const> previous =
+      std::exchange(notifier_, Ptr<PtrInterface const>(narrowed));
    if (weakNotifier_) {
       if (previous) {
          previous->referencesInc();

@@ -18,10 +18,17 @@ class VEL_EXPORT NotifieeListBase {
    NotifieeListBase() noexcept = default;
    NotifieeListBase(const NotifieeListBase&) = delete;
    NotifieeListBase& operator=(const NotifieeListBase&) = delete;
-   ~NotifieeListBase() { deleteAll(); }
+   ~NotifieeListBase() {
+      if (!empty()) {
+         deleteAll();
+      }
+   }
 
    bool empty() const noexcept { return head_ == 0; }
-   unsigned members() const noexcept;
+   unsigned members() const noexcept {
+      const Block* const several = block();
+      return several != nullptr ? several->live : (empty() ? 0 : 1);
+   }
 
    // Makes the next newMember free of allocation; throws bad_alloc, or changes nothing seen.
    void reserveMember();
@@ -49,8 +56,12 @@ class VEL_EXPORT NotifieeListBase {
       void append(PtrInterface::NotifieeConst* member) noexcept;
       void closeHoles() noexcept;
    };
-   Block* block() const noexcept;
-   PtrInterface::NotifieeConst* single() const noexcept;
+   Block* block() const noexcept {
+      return (head_ & 1) != 0 ? reinterpret_cast<Block*>(head_ - 1) : nullptr;
+   }
+   PtrInterface::NotifieeConst* single() const noexcept {
+      return (head_ & 1) == 0 ? reinterpret_cast<PtrInterface::NotifieeConst*>(head_) : nullptr;
+   }
    void tidy() noexcept;
 
    // Null: empty. Low bit clear: the only member. Low bit set: a block of members.
@@ -133,7 +144,7 @@ class VEL_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
    // What every notifier class's isRegisteredNotifieeIs, notifierIs (with its argument narrowed)
    // and destructor do. All or nothing when the list has no memory.
    void registrationIs(bool registered) const;
-   void attach(const Ptr<PtrInterface const>& narrowed);
+   void attach(const PtrInterface* narrowed);
    void detach() noexcept;
 
  private:

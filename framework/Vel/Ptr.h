@@ -12,6 +12,14 @@
 
 namespace Vel {
 
+// The object as one of a derived class; null when it is null or of another class.
+template <class T, class U> T* narrowedTo(U* object) {
+   if (object != nullptr && typeid(*object) == typeid(T)) { // nearly always, and without search
+      return static_cast<T*>(object);
+   }
+   return dynamic_cast<T*>(object);
+}
+
 // Owns one reference of its object, or is null. As large as a pointer. Dropping or overwriting a
 // handle may end the object and so run other code; everything else runs none.
 template <class T> class Ptr {
@@ -50,14 +58,7 @@ template <class T> class Ptr {
       return *this;
    }
 
-   // The handle as one of a derived class; null when it is null or of another class.
-   template <class U> static Ptr narrow(const Ptr<U>& base) {
-      U* const object = base.get();
-      if (object != nullptr && typeid(*object) == typeid(T)) { // nearly always, and without search
-         return Ptr(static_cast<T*>(object));
-      }
-      return Ptr(dynamic_cast<T*>(object));
-   }
+   template <class U> static Ptr narrow(const Ptr<U>& base) { return narrowedTo<T>(base.get()); }
 
    T* get() const noexcept { return object_; }
    T* operator->() const noexcept { return object_; }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 #include <typeinfo>
 
 namespace Vel {
@@ -49,8 +50,16 @@ struct VEL_EXPORT VFPtrInterface {
 class VEL_EXPORT AllocTrackTypeInfo {
  public:
    static void trackAllocation(AllocTrackTypeInfo** slot, const std::type_info& type,
-                               unsigned size);
-   static void trackDeallocation(AllocTrackTypeInfo* info) noexcept;
+                               unsigned size) {
+      AllocTrackTypeInfo* const info = std::atomic_ref(*slot).load(std::memory_order_acquire);
+      (info != nullptr ? *info : make(slot, type, size))
+         .total_.fetch_add(1, std::memory_order_relaxed);
+   }
+   static void trackDeallocation(AllocTrackTypeInfo* info) noexcept {
+      if (info != nullptr) { // null: an object that newEntity didn't make
+         info->freed_.fetch_add(1, std::memory_order_release);
+      }
+   }
 
    const char* name() const noexcept { return type_.name(); } // as std::type_info has it
    unsigned size() const noexcept { return size_; }           // bytes of the first one allocated
@@ -63,6 +72,8 @@ class VEL_EXPORT AllocTrackTypeInfo {
  private:
    AllocTrackTypeInfo(const std::type_info& type, unsigned size) noexcept
       : type_(type), size_(size) {}
+   static AllocTrackTypeInfo& make(AllocTrackTypeInfo** slot, const std::type_info& type,
+                                   unsigned size);
 
    const std::type_info& type_;
    unsigned size_;
@@ -120,7 +131,7 @@ class VEL_EXPORT PtrInterface {
    void handleZeroRef() const;
 
    // Memory for an entity, released with the global delete.
-   static void* velMemAlloc(unsigned size);
+   static void* velMemAlloc(unsigned size) { return ::operator new(size); }
 
    static const VelType _velType;
 
@@ -128,10 +139,22 @@ class VEL_EXPORT PtrInterface {
    // Leaves the count at one: the creation reference, which newEntity gives up.
    PtrInterface() noexcept : references_(1) {}
 
-   void bitsIs(std::uint32_t bits, bool on) const noexcept;
+   // The bits belong to the activity thread, but share their word with a count that other threads
+   // may be changing: with the switch on, a plain write here would take their changes back.
+   void bitsIs(std::uint32_t bits, bool on) const noexcept {
+      if (VFPtrInterface::enableThreadSafePointers) [[unlikely]] {
+         std::atomic_ref word(references_);
+         on ? word.fetch_or(bits) : word.fetch_and(~bits);
+      } else {
+         references_ = on ? references_ | bits : references_ & ~bits;
+      }
+   }
 
    // For the operator delete of each class: the way back of newEntity's allocation.
-   static void velMemFree(AllocTrackTypeInfo* info, void* memory) noexcept;
+   static void velMemFree(AllocTrackTypeInfo* info, void* memory) noexcept {
+      AllocTrackTypeInfo::trackDeallocation(info);
+      ::operator delete(memory);
+   }
 
  private:
    std::uint32_t finishedAtZero(std::uint32_t left) const {

@@ -17,8 +17,7 @@ AllocTrackTypeInfo* String8::Data::velAllocTrackTypeInfo_ = nullptr;
 
 const char* String8::Data::text() const noexcept { return text_; }
 
-String8::Data* String8::Data::make(std::string_view first, std::string_view second) {
-   const std::size_t length = first.size() + second.size();
+String8::Data* String8::Data::make(std::size_t length) {
    const std::size_t size = offsetof(Data, text_) + length + 1;
    if (size > std::numeric_limits<unsigned>::max()) {
       throwRangeException("a string of 4 GiB or more");
@@ -32,21 +31,14 @@ String8::Data* String8::Data::make(std::string_view first, std::string_view seco
       AllocTrackTypeInfo::trackDeallocation(velAllocTrackTypeInfo_);
       throw;
    }
-   auto* data = ::new (memory) Data(static_cast<std::uint32_t>(length));
-   auto* to = static_cast<char*>(memory) + offsetof(Data, text_);
-   to += first.copy(to, first.size());
-   to += second.copy(to, second.size());
-   *to = '\0';
+   auto* const data = ::new (memory) Data(static_cast<std::uint32_t>(length));
+   data->characters()[length] = '\0';
    return data;
 }
 
-std::uint32_t String8::Data::referencesDec() const noexcept {
-   const std::uint32_t left = VFPtrInterface::countDec(references_);
-   if (left == 0) {
-      AllocTrackTypeInfo::trackDeallocation(velAllocTrackTypeInfo_);
-      ::operator delete(const_cast<Data*>(this));
-   }
-   return left;
+void String8::Data::end() const noexcept {
+   AllocTrackTypeInfo::trackDeallocation(velAllocTrackTypeInfo_);
+   ::operator delete(const_cast<Data*>(this));
 }
 
 bool String8::Data::operator==(const Data& other) const noexcept {
@@ -57,30 +49,8 @@ String8::String8(const char* text) : String8(std::string_view(text != nullptr ? 
 
 String8::String8(std::string_view text) {
    if (!text.empty()) {
-      data_ = Data::make(text, {});
-   }
-}
-
-String8::String8(const String8& other) noexcept : data_(other.data_) {
-   if (data_ != nullptr) {
-      data_->referencesInc();
-   }
-}
-
-String8& String8::operator=(String8&& other) noexcept {
-   if (this != &other) {
-      Data* const taken = other.data_;
-      other.data_ = nullptr;
-      release();
-      data_ = taken;
-   }
-   return *this;
-}
-
-void String8::release() noexcept {
-   if (Data* const data = data_) {
-      data_ = nullptr;
-      data->referencesDec();
+      data_ = Data::make(text.size());
+      text.copy(data_->characters(), text.size());
    }
 }
 
@@ -98,9 +68,10 @@ String8 String8::operator+(const String8& right) const {
    if (empty() || right.empty()) {
       return empty() ? right : *this;
    }
-   String8 joined;
-   joined.data_ = Data::make(*this, right);
-   return joined;
+   Data* const joined = Data::make(std::size_t{length()} + right.length());
+   std::memcpy(joined->characters(), charPtr(), length());
+   std::memcpy(joined->characters() + length(), right.charPtr(), right.length());
+   return String8(joined);
 }
 
 String8 String8::operator+(const char* right) const {
@@ -115,39 +86,28 @@ std::ostream& operator<<(std::ostream& stream, const String8& text) {
 
 namespace {
 
-constexpr std::size_t smallText = 128; // names and numbers fit; longer texts are printf's
+constexpr std::size_t smallText = 64; // names and numbers fit; longer texts are printf's
 
 // Writes text that has no conversions but %d, as the names of a child's things have, and returns
 // its end; null for any other text, or for one that doesn't fit.
 char* formatPlain(char* out, const char* format, std::va_list arguments) {
-   constexpr std::size_t longestNumber = 11;
-   for (const char* const end = out + smallText - longestNumber; out < end; ++format) {
+   constexpr std::ptrdiff_t longestNumber = 11;
+   for (const char* const end = out + smallText;; format += 2) {
+      const char* const percent = ::strchrnul(format, '%');
+      const std::ptrdiff_t length = percent - format;
+      if (length > end - out - longestNumber) {
+         return nullptr;
+      }
+      out = static_cast<char*>(std::memcpy(out, format, static_cast<std::size_t>(length))) + length;
+      format = percent;
       if (*format == '\0') {
          return out;
       }
-      if (*format != '%') {
-         *out++ = *format;
-      } else if (*++format == 'd') {
-         out = std::to_chars(out, out + longestNumber, va_arg(arguments, int)).ptr;
-      } else {
+      if (format[1] != 'd') {
          return nullptr;
       }
+      out = std::to_chars(out, out + longestNumber, va_arg(arguments, int)).ptr;
    }
-   return nullptr;
-}
-
-String8 formatByPrintf(const char* format, std::va_list arguments, std::va_list again) {
-   char small[smallText];
-   const int length = std::vsnprintf(small, sizeof small, format, arguments);
-   if (length < 0) {
-      throwRangeException("a format that can't be carried out");
-   }
-   if (length < static_cast<int>(sizeof small)) {
-      return String8(std::string_view(small, static_cast<std::size_t>(length)));
-   }
-   std::vector<char> large(static_cast<std::size_t>(length) + 1);
-   std::vsnprintf(large.data(), large.size(), format, again);
-   return String8(std::string_view(large.data(), static_cast<std::size_t>(length)));
 }
 
 // Ends with the function that it stands in.
@@ -156,18 +116,36 @@ struct Arguments {
    ~Arguments() { va_end(list); }
 };
 
+[[gnu::noinline]] String8 formatByPrintf(const char* format, std::va_list arguments) {
+   Arguments again;
+   va_copy(again.list, arguments);
+   char small[128];
+   const int length = std::vsnprintf(small, sizeof small, format, arguments);
+   if (length < 0) {
+      throwRangeException("a format that can't be carried out");
+   }
+   if (length < static_cast<int>(sizeof small)) {
+      return String8(std::string_view(small, static_cast<std::size_t>(length)));
+   }
+   std::vector<char> large(static_cast<std::size_t>(length) + 1);
+   std::vsnprintf(large.data(), large.size(), format, again.list);
+   return String8(std::string_view(large.data(), static_cast<std::size_t>(length)));
+}
+
 } // namespace
 
 String8 format(const char* format, ...) {
-   Arguments plain, printed, again;
-   va_start(plain.list, format);
-   va_copy(printed.list, plain.list);
-   va_copy(again.list, plain.list);
    char text[smallText];
-   if (const char* const end = formatPlain(text, format, plain.list)) {
-      return String8(std::string_view(text, static_cast<std::size_t>(end - text)));
+   {
+      Arguments arguments;
+      va_start(arguments.list, format);
+      if (const char* const end = formatPlain(text, format, arguments.list)) {
+         return String8(std::string_view(text, static_cast<std::size_t>(end - text)));
+      }
    }
-   return formatByPrintf(format, printed.list, again.list);
+   Arguments arguments;
+   va_start(arguments.list, format);
+   return formatByPrintf(format, arguments.list);
 }
 
 String8 valueToStrep(const String8& value) {

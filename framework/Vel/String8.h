@@ -3,10 +3,12 @@
 
 #include <Vel/PtrInterface.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Vel {
 
@@ -21,18 +23,18 @@ class VEL_EXPORT String8 {
    String8(const char* text); // null counts as empty
    String8(std::string_view text);
    String8(const std::string& text) : String8(std::string_view(text)) {}
-   String8(const String8& other) noexcept;
+   inline String8(const String8& other) noexcept;
    String8(String8&& other) noexcept : data_(other.data_) { other.data_ = nullptr; }
-   ~String8() {
-      if (data_ != nullptr) { // most have been moved from
-         release();
-      }
-   }
+   inline ~String8();
    String8& operator=(const String8& other) noexcept {
       String8 taken(other);
       return *this = static_cast<String8&&>(taken);
    }
-   String8& operator=(String8&& other) noexcept;
+   String8& operator=(String8&& other) noexcept {
+      String8 taken(static_cast<String8&&>(other));
+      std::swap(data_, taken.data_);
+      return *this;
+   }
 
    // Fills an empty string with length bytes of the text that follow the first offset ones.
    void init(const char* text, unsigned offset, unsigned length);
@@ -52,7 +54,7 @@ class VEL_EXPORT String8 {
    }
 
  private:
-   void release() noexcept;
+   explicit String8(Data* data) noexcept : data_(data) {}
 
    Data* data_ = nullptr; // one reference; null when empty
 };
@@ -64,13 +66,23 @@ class VEL_EXPORT String8::Data {
    const char* text() const noexcept;
    bool operator==(const Data& other) const noexcept;
    void referencesInc() const noexcept { VFPtrInterface::countInc(references_); }
-   std::uint32_t referencesDec() const noexcept; // the masked count left; frees the block at zero
+   // Returns the masked count that is left; frees the block at zero.
+   std::uint32_t referencesDec() const noexcept {
+      const std::uint32_t left = VFPtrInterface::countDec(references_);
+      if (left == 0) {
+         end();
+      }
+      return left;
+   }
 
    static AllocTrackTypeInfo* velAllocTrackTypeInfo_;
 
  private:
    friend class String8;
-   static Data* make(std::string_view first, std::string_view second);
+   static Data*
+   make(std::size_t length); // the characters, all but the NUL, are the caller's to fill
+   char* characters() noexcept { return reinterpret_cast<char*>(this) + offsetof(Data, text_); }
+   void end() const noexcept;
    explicit Data(std::uint32_t length) noexcept : length_(length) {}
 
    mutable std::uint32_t references_ = 1;
@@ -78,6 +90,19 @@ class VEL_EXPORT String8::Data {
    [[maybe_unused]] std::uint8_t reserved_[2] = {0, 0};
    char text_[2] = {}; // the first of the characters, which the block is made large enough for
 };
+
+inline String8::String8(const String8& other) noexcept : data_(other.data_) {
+   if (data_ != nullptr) {
+      data_->referencesInc();
+   }
+}
+
+inline String8::~String8() {
+   if (Data* const data = data_) { // most have been moved from
+      data_ = nullptr;
+      data->referencesDec();
+   }
+}
 
 // Names of entities and descriptors: a string with a type of its own.
 class VEL_EXPORT Name : public String8 {

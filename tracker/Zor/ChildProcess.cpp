@@ -89,7 +89,7 @@ void ChildProcess::NotifieeConst::isRegisteredNotifieeIs(bool registered) const 
 }
 
 void ChildProcess::NotifieeConst::notifierIs(const Vel::Ptr<Vel::PtrInterface const>& newNotifier) {
-   attach(Vel::Ptr<ChildProcess const>::narrow(newNotifier));
+   attach(Vel::narrowedTo<ChildProcess const>(newNotifier.get()));
 }
 
 ChildProcess::NotifieeConst::~NotifieeConst() { detach(); }

@@ -108,7 +108,7 @@ void Reactor::velDoZombieReactors(bool zombie) {
    if (zombie == velMarkedForDeletion()) {
       return;
    }
-   if (notifier()) {
+   if (rawNotifier() != nullptr) {
       hasNotificationActiveIs(!zombie);
    }
    if (const Vel::Ptr<VelSiginfo> owned = siginfo_) { // held while it is called
@@ -146,13 +146,13 @@ SiginfoReactor::VelSiginfo(const SiginfoPtr& siginfo, VelChildProcess* velChildP
 SiginfoReactor::~VelSiginfo() { SiginfoReactor::velDoZombieReactors(true); }
 
 void SiginfoReactor::notifierIs(const Vel::Ptr<Vel::PtrInterface const>& newNotifier) {
-   const auto siginfo = SiginfoPtr::narrow(newNotifier);
-   if (siginfo == notifier()) {
+   const auto* const siginfo = Vel::narrowedTo<Vel::ChildSiginfo const>(newNotifier.get());
+   if (siginfo == rawNotifier()) {
       return;
    }
    const Vel::Ptr<VelSiginfo> self(this); // an end told below may drop every other handle
-   Vel::ChildSiginfo::NotifieeConst::notifierIs(siginfo);
-   if (siginfo && !velMarkedForDeletion() && velChildProcess_ != nullptr) {
+   Vel::ChildSiginfo::NotifieeConst::notifierIs(newNotifier);
+   if (siginfo != nullptr && !velMarkedForDeletion() && velChildProcess_ != nullptr) {
       velChildProcess_->vel_handleSiginfo_signalCode();
    }
    isRegisteredNotifieeIs(true);
@@ -168,7 +168,7 @@ void SiginfoReactor::velDoZombieReactors(bool zombie) {
    if (zombie == velMarkedForDeletion()) {
       return;
    }
-   if (notifier()) {
+   if (rawNotifier() != nullptr) {
       hasNotificationActiveIs(!zombie);
    }
    velMarkedForDeletionIs(zombie);

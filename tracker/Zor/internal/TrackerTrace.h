@@ -9,7 +9,16 @@
 namespace Zor {
 
 // The library's one trace handle, "ChildProcessTracker".
-Vel::TraceHandle& _defaultTraceHandle();
+inline Vel::TraceHandle& _defaultTraceHandle() {
+   static Vel::TraceHandle handle(
+      [] {
+         Vel::String8 name;
+         name.init("ChildProcessTracker", 0, 19);
+         return name;
+      }(),
+      false);
+   return handle;
+}
 
 // Out of line: where tracing is off, a traced operation has nothing of it but the question.
 template <class Body>
