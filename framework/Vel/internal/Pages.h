@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace Vel {
@@ -12,57 +13,57 @@ namespace Vel {
 // it is all that most programs need, and lies beside what else the process keeps.
 template <class T> class Pages {
  public:
-   // Null where there is no page yet; so is everything from 2^31 on.
+   T& operator[](std::uint32_t at) noexcept {
+      return at < pageSize ? first_[at] : more_[at / pageSize][at % pageSize];
+   }
+   // Null where there is no page yet.
    T* find(std::uint32_t at) noexcept {
       if (at < pageSize) [[likely]] {
-         return &first_.elements[at];
+         return &first_[at];
       }
-      const std::size_t page = at / pageSize - 1;
-      return page < more_.size() && more_[page] != nullptr ? &more_[page]->elements[at % pageSize]
-                                                           : nullptr;
+      const std::uint32_t page = at / pageSize;
+      return page < pages_ && more_[page] != nullptr ? &more_[page][at % pageSize] : nullptr;
    }
-   T& make(std::uint32_t at) { // throws bad_alloc, and changes nothing then
+   T& make(std::uint32_t at) { // throws bad_alloc, and changes nothing seen then
       T* const element = find(at);
       return element != nullptr ? *element : makePage(at);
    }
    // One more than the highest that there may be.
-   std::int64_t end() const noexcept {
-      return static_cast<std::int64_t>(more_.size() + 1) * pageSize;
-   }
+   std::int64_t end() const noexcept { return std::int64_t{pages_} * pageSize; }
    // visit(at, element) for all that there are.
    template <class Visit> void forEach(Visit&& visit) {
-      for (std::size_t page = 0; page <= more_.size(); ++page) {
-         Page* const present = page == 0 ? &first_ : more_[page - 1].get();
-         for (std::uint32_t at = 0; present != nullptr && at < pageSize; ++at) {
-            visit(static_cast<std::uint32_t>(page * pageSize + at), present->elements[at]);
+      for (std::uint32_t page = 0; page < pages_; ++page) {
+         T* const elements = page == 0 ? first_ : more_[page].get();
+         for (std::uint32_t at = 0; elements != nullptr && at < pageSize; ++at) {
+            visit(page * pageSize + at, elements[at]);
          }
       }
    }
 
  private:
    static constexpr std::uint32_t pageSize = 64;
-   struct Page {
-      T elements[pageSize];
-   };
 
    [[gnu::noinline]] T& makePage(std::uint32_t at) {
-      const std::size_t page = at / pageSize - 1;
-      if (page >= more_.size()) {
+      const std::uint32_t page = at / pageSize;
+      auto elements = std::make_unique<T[]>(pageSize);
+      if (page >= pages_) {
          more_.resize(page + 1);
+         pages_ = page + 1;
       }
-      more_[page] = std::make_unique<Page>();
-      return more_[page]->elements[at % pageSize];
+      more_[page] = std::move(elements);
+      return (*this)[at];
    }
 
-   Page first_{};
-   std::vector<std::unique_ptr<Page>> more_;
+   std::uint32_t pages_ = 1;                // as many as there may be
+   std::vector<std::unique_ptr<T[]>> more_; // by page; none for the first
+   T first_[pageSize]{};
 };
 
 // Elements one after the other on such pages.
 template <class T> class PagedVector {
  public:
    std::uint32_t size() const noexcept { return size_; }
-   T& operator[](std::uint32_t at) noexcept { return *pages_.find(at); }
+   T& operator[](std::uint32_t at) noexcept { return pages_[at]; }
    T& back() noexcept { return (*this)[size_ - 1]; }
    void reserveOne() { pages_.make(size_); } // throws bad_alloc; push_back cannot fail then
    void push_back(const T& element) noexcept { (*this)[size_++] = element; }
