@@ -5,6 +5,7 @@
 #include "Worker.h"
 
 #include <string>
+#include <sys/resource.h>
 
 namespace Bench {
 
@@ -30,6 +31,24 @@ double cpu(Stage& stage, std::size_t outstanding) {
    return timesOf([&] { live(*stage.contestant, outstanding); }).cpu;
 }
 
+// Each page that is written between two forks is a fault, and a copy while the child lives.
+template <int who> double faults(Stage& stage, std::size_t outstanding) {
+   rusage before{}, after{};
+   ::getrusage(who, &before);
+   live(*stage.contestant, outstanding);
+   ::getrusage(who, &after);
+   return static_cast<double>(after.ru_minflt - before.ru_minflt) / livesPerTurn;
+}
+
+void faultRows(const Workers& workers, const std::string& what, Task task,
+               std::size_t outstanding) {
+   const auto figures = alternate(workers, task, outstanding, 11);
+   for (std::size_t at = 0; at < workers.size(); ++at) {
+      row("page faults of a life, " + what + ": " + workers[at]->name(), median(figures[at]),
+          "printed", "");
+   }
+}
+
 // The bound is this library's; the others are printed beside it.
 void rows(const Workers& workers, const std::string& what, Task task, std::size_t outstanding,
           const char* bound) {
@@ -46,6 +65,9 @@ void measureLives() {
    const Workers workers = allWorkers();
    rows(workers, "life, one at a time, wall time", &wall, 1, "<= 1.03");
    rows(workers, "life, 64 outstanding, parent's CPU time", &cpu, 64, "<= 1.08");
+   faultRows(workers, "in the parent, one at a time", &faults<RUSAGE_SELF>, 1);
+   faultRows(workers, "in the parent, 64 outstanding", &faults<RUSAGE_SELF>, 64);
+   faultRows(workers, "in the child", &faults<RUSAGE_CHILDREN>, 1);
    for (const std::size_t outstanding : {1U, 4U, 16U, 64U}) {
       const auto figures = alternate(workers, &cpu, outstanding, 11);
       for (std::size_t at = 1; at < workers.size(); ++at) {
