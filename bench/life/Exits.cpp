@@ -42,7 +42,8 @@ double allAtOnceCpu(Stage& stage, std::size_t tracked) {
    return endAllCpu(stage, 0);
 }
 
-// Of all workers but the first, which is the floor. Only this library's are judged.
+// Of all workers but the first, which is the floor. Only this library's are judged. All that wait
+// are gone before others come.
 void exits(const Workers& workers, std::size_t tracked, bool judged) {
    const auto figures = alternate(workers, &exitCpu, tracked, rounds);
    for (std::size_t at = 1; at < workers.size(); ++at) {
@@ -53,9 +54,13 @@ void exits(const Workers& workers, std::size_t tracked, bool judged) {
           ours && judged ? "<= 1.25" : "printed", "against the floor with as many");
       point("exit", name, static_cast<double>(tracked + 1), ratio); // with the one that ends
    }
+   for (const auto& worker : workers) {
+      worker->run(&endAllCpu, 0);
+   }
 }
 
-void allAtOnce(const Workers& workers) {
+void allAtOnce() {
+   const Workers workers = allWorkers();
    constexpr std::size_t together = 500;
    const auto figures = alternate(workers, &allAtOnceCpu, together, 9);
    for (std::size_t at = 1; at < workers.size(); ++at) {
@@ -68,19 +73,20 @@ void allAtOnce(const Workers& workers) {
 } // namespace
 
 void measureExits() {
-   Workers workers = allWorkers();
-   allAtOnce(workers);
    for (const std::size_t tracked : {0U, 9U, 100U, 1000U}) {
-      exits(workers, tracked, tracked != 9);
+      exits(allWorkers(), tracked, tracked != 9);
    }
-   // With thousands of children each, all together would be too many: two at a time.
-   workers.resize(1);
+   allAtOnce();
+}
+
+// With thousands of children each, all together would be too many: two at a time.
+void measureCrowds() {
    for (std::size_t at = 1; at < contestants.size(); ++at) {
       if (contestants[at].make != nullptr) {
-         workers.push_back(std::make_unique<Worker>(contestants[at]));
-         exits(workers, mostTracked(), true);
-         workers.back()->run(&endAllCpu, 0); // all gone before others come
-         workers.pop_back();
+         Workers two;
+         two.push_back(std::make_unique<Worker>(contestants[0]));
+         two.push_back(std::make_unique<Worker>(contestants[at]));
+         exits(two, mostTracked(), true);
       }
    }
 }

@@ -40,8 +40,8 @@ template <int who> double faults(Stage& stage, std::size_t outstanding) {
    return static_cast<double>(after.ru_minflt - before.ru_minflt) / livesPerTurn;
 }
 
-void faultRows(const Workers& workers, const std::string& what, Task task,
-               std::size_t outstanding) {
+void faultRows(const std::string& what, Task task, std::size_t outstanding) {
+   const Workers workers = allWorkers();
    const auto figures = alternate(workers, task, outstanding, 11);
    for (std::size_t at = 0; at < workers.size(); ++at) {
       row("page faults of a life, " + what + ": " + workers[at]->name(), median(figures[at]),
@@ -50,8 +50,8 @@ void faultRows(const Workers& workers, const std::string& what, Task task,
 }
 
 // The bound is this library's; the others are printed beside it.
-void rows(const Workers& workers, const std::string& what, Task task, std::size_t outstanding,
-          const char* bound) {
+void rows(const std::string& what, Task task, std::size_t outstanding, const char* bound) {
+   const Workers workers = allWorkers();
    const auto figures = alternate(workers, task, outstanding, rounds);
    for (std::size_t at = 1; at < workers.size(); ++at) {
       row(what + ": " + workers[at]->name(), medianRatio(figures[at], figures[0]),
@@ -62,12 +62,12 @@ void rows(const Workers& workers, const std::string& what, Task task, std::size_
 } // namespace
 
 void measureLives() {
+   rows("life, one at a time, wall time", &wall, 1, "<= 1.03");
+   rows("life, 64 outstanding, parent's CPU time", &cpu, 64, "<= 1.08");
+   faultRows("in the parent, one at a time", &faults<RUSAGE_SELF>, 1);
+   faultRows("in the parent, 64 outstanding", &faults<RUSAGE_SELF>, 64);
+   faultRows("in the child", &faults<RUSAGE_CHILDREN>, 1);
    const Workers workers = allWorkers();
-   rows(workers, "life, one at a time, wall time", &wall, 1, "<= 1.03");
-   rows(workers, "life, 64 outstanding, parent's CPU time", &cpu, 64, "<= 1.08");
-   faultRows(workers, "in the parent, one at a time", &faults<RUSAGE_SELF>, 1);
-   faultRows(workers, "in the parent, 64 outstanding", &faults<RUSAGE_SELF>, 64);
-   faultRows(workers, "in the child", &faults<RUSAGE_CHILDREN>, 1);
    for (const std::size_t outstanding : {1U, 4U, 16U, 64U}) {
       const auto figures = alternate(workers, &cpu, outstanding, 11);
       for (std::size_t at = 1; at < workers.size(); ++at) {

@@ -7,6 +7,7 @@ namespace Bench {
 
 void measureLives();
 void measureExits();
+void measureCrowds();
 void measureHoldings();
 void measureInstructions();
 void measureForking();

@@ -20,6 +20,7 @@ const std::map<std::string, void (*)()> measures = {
    {"lives", &measureLives},       {"exits", &measureExits},
    {"holdings", &measureHoldings}, {"instructions", &measureInstructions},
    {"forking", &measureForking},   {"closing", &measureClosing},
+   {"crowds", &measureCrowds},
 };
 
 std::size_t limitIn(const char* path) {
