@@ -68,10 +68,12 @@ String8 String8::operator+(const String8& right) const {
    if (empty() || right.empty()) {
       return empty() ? right : *this;
    }
-   Data* const joined = Data::make(std::size_t{length()} + right.length());
-   std::memcpy(joined->characters(), charPtr(), length());
-   std::memcpy(joined->characters() + length(), right.charPtr(), right.length());
-   return String8(joined);
+   String8 joined;
+   joined.data_ = Data::make(std::size_t{length()} + right.length());
+   char* const characters = joined.data_->characters();
+   std::memcpy(characters, charPtr(), length());
+   std::memcpy(characters + length(), right.charPtr(), right.length());
+   return joined;
 }
 
 String8 String8::operator+(const char* right) const {

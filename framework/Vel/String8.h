@@ -54,8 +54,6 @@ class VEL_EXPORT String8 {
    }
 
  private:
-   explicit String8(Data* data) noexcept : data_(data) {}
-
    Data* data_ = nullptr; // one reference; null when empty
 };
 
@@ -79,8 +77,7 @@ class VEL_EXPORT String8::Data {
 
  private:
    friend class String8;
-   static Data*
-   make(std::size_t length); // the characters, all but the NUL, are the caller's to fill
+   static Data* make(std::size_t length); // the caller fills in the characters before the NUL
    char* characters() noexcept { return reinterpret_cast<char*>(this) + offsetof(Data, text_); }
    void end() const noexcept;
    explicit Data(std::uint32_t length) noexcept : length_(length) {}
