@@ -28,6 +28,12 @@ void theTrackerIsDroppedInAnyCallOfItsOwn(World& world) {
       EXPECT_FALSE(world.tracker);
    }
    world.tracker = Zor::newTracker<RudeTracker>();
+   Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 8, true);
+   Vel::TraceFacility::sinkIs([&](auto&&...) { world.tracker = nullptr; }); // in forkChild's first
+   EXPECT_GT(world.start([] { ::_exit(3); }), 0);
+   EXPECT_TRUE(runUntil([] { return !hasChildren(); }));
+   Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 8, false);
+   world.tracker = Zor::newTracker<RudeTracker>();
    world.tracker->called = [&](const std::string& now) {
       if (now == "childProcessIs") {
          world.tracker = nullptr;
