@@ -5,6 +5,7 @@
 #include <locale>
 #include <memory>
 #include <new>
+#include <sstream>
 #include <unistd.h>
 
 namespace Vel {
@@ -114,35 +115,25 @@ TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::Fa
 }
 
 TraceHelper::TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level)
-   : handle_(handle), level_(level), stream_(&buffer_) {
-   stream_.imbue(std::locale::classic());
+   : handle_(handle), level_(level), message_(std::make_unique<std::ostringstream>()) {
+   message_->imbue(std::locale::classic());
 }
 
 TraceHelper::~TraceHelper() = default;
 
-TraceHelper::Buffer::int_type TraceHelper::Buffer::overflow(int_type character) {
-   if (!traits_type::eq_int_type(character, traits_type::eof())) {
-      text += traits_type::to_char_type(character);
-   }
-   return traits_type::not_eof(character);
-}
-
-std::streamsize TraceHelper::Buffer::xsputn(const char* characters, std::streamsize count) {
-   text.append(characters, static_cast<std::size_t>(count));
-   return count;
-}
+std::ostream& TraceHelper::stream() noexcept { return *message_; }
 
 void TraceHelper::trace(const char* file, int line, const char* function) noexcept {
    const int savedErrno = errno; // a message between a call and the look at its errno
    try {
       if (const TraceFacility::Sink current = sink()) { // a copy: a sink may set another one
-         current(handle_.name(), static_cast<int>(level_), file, line, function, buffer_.text);
+         current(handle_.name(), static_cast<int>(level_), file, line, function, message_->view());
       } else {
          std::string out;
          appendEscaped(out, handle_.name());
          out += '[' + std::to_string(level_) + "] " + file + ':' + std::to_string(line) + ' ' +
                 function + ": ";
-         appendEscaped(out, buffer_.text);
+         appendEscaped(out, message_->view());
          writeToStandardError(out + '\n');
       }
    } catch (...) {

@@ -7,9 +7,8 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <ostream>
-#include <streambuf>
-#include <string>
+#include <iosfwd>
+#include <memory>
 #include <string_view>
 
 namespace Vel {
@@ -59,29 +58,21 @@ class VEL_EXPORT TraceHelper {
    static TraceHelper* createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
                                        void* storage);
 
-   std::ostream& stream() noexcept { return stream_; } // has the classic locale
+   std::ostream& stream() noexcept; // has the classic locale
    // Sends the message to the sink. A sink that fails changes nothing for the caller.
    void trace(const char* file, int line, const char* function) noexcept;
 
  private:
    friend class EnsureTraceHelperIsDestroyed;
 
-   class Buffer : public std::streambuf {
-    public:
-      std::string text;
-
-    protected:
-      int_type overflow(int_type character) override;
-      std::streamsize xsputn(const char* characters, std::streamsize count) override;
-   };
-
    TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level);
    ~TraceHelper();
 
    TraceHandle& handle_;
    TraceFacility::FacilityLevel level_;
-   Buffer buffer_;
-   std::ostream stream_;
+   // Not in the storage: every place that traces keeps that in its frame, and a process that forks
+   // pays a fault for each page of its stack that it writes between two forks.
+   std::unique_ptr<std::ostringstream> message_;
 };
 
 // Ends a helper when it goes out of scope, also when composing the message throws.
