@@ -150,6 +150,11 @@ String8 format(const char* format, ...) {
    return formatByPrintf(format, arguments.list);
 }
 
+void Name::write() const {
+   text_ = format(pattern_, number_);
+   pattern_ = nullptr;
+}
+
 String8 valueToStrep(const String8& value) {
    static constexpr char digits[] = "0123456789abcdef";
    std::string out = "\"";

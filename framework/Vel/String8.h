@@ -101,12 +101,47 @@ inline String8::~String8() {
    }
 }
 
-// Names of entities and descriptors: a string with a type of its own.
-class VEL_EXPORT Name : public String8 {
+// The name of an entity or descriptor: a text with a type of its own. Activity thread only.
+class VEL_EXPORT Name {
  public:
-   using String8::String8;
+   using IteratorConst = String8::IteratorConst;
+
    Name() noexcept = default;
-   Name(String8 text) noexcept : String8(static_cast<String8&&>(text)) {}
+   Name(const char* text) : text_(text) {} // null counts as empty
+   Name(std::string_view text) : text_(text) {}
+   Name(const std::string& text) : text_(text) {}
+   Name(String8 text) noexcept : text_(std::move(text)) {}
+   // As format writes the pattern, a literal with one %d; but only once somebody asks for the text,
+   // which of most names made for a number nobody does.
+   static Name numbered(const char* pattern, int number) noexcept {
+      Name name;
+      name.pattern_ = pattern;
+      name.number_ = number;
+      return name;
+   }
+
+   const String8& text() const { // throws bad_alloc
+      if (pattern_ != nullptr) {
+         write();
+      }
+      return text_;
+   }
+   operator const String8&() const { return text(); }
+   operator std::string_view() const { return text(); }
+   const char* charPtr() const { return text().charPtr(); }
+   unsigned length() const { return text().length(); }
+   bool empty() const { return text().empty(); }
+   IteratorConst begin() const { return text().begin(); }
+   IteratorConst end() const { return text().end(); }
+
+   friend bool operator==(const Name& a, const Name& b) { return a.text() == b.text(); }
+
+ private:
+   void write() const;
+
+   mutable String8 text_;
+   mutable const char* pattern_ = nullptr; // null: the text is there
+   int number_ = 0;
 };
 
 // Writes exactly the string's bytes, without padding or conversion.

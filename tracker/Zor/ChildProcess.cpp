@@ -32,9 +32,9 @@ ChildProcess::~ChildProcess() {
 
 void ChildProcess::handleInitialized(int readFromChildFd) {
    const Vel::Ptr<Vel::ChildSiginfo> siginfo = // a notifiee may take it away from the record
-      siginfoIs(Vel::format("ChildSiginfo-%d", pid_), pid_);
+      siginfoIs(Vel::Name::numbered("ChildSiginfo-%d", pid_), pid_);
    const Vel::Ptr<Vel::FileDescriptor> pipe =
-      siginfo->childPipeIs(Vel::format("Child%dPipe", pid_));
+      siginfo->childPipeIs(Vel::Name::numbered("Child%dPipe", pid_));
    try {
       descriptorIs(*pipe, readFromChildFd);
       pipe->nonBlockingIs(true);
