@@ -78,7 +78,10 @@ class VEL_EXPORT FileDescriptor : public PtrInterface {
    explicit FileDescriptor(Name name);
 
    const Name& name() const noexcept { return name_; }
-   int descriptor() const noexcept { return descriptor_; } // -1 when it has none
+   int descriptor() const noexcept { // -1 when it has none
+      const bool sure = descriptor_ < 0 || (settings_ & childPipeSetting) == 0;
+      return sure ? descriptor_ : childPipeDescriptor();
+   }
    bool nonBlocking() const noexcept { return settings_ & nonBlockingSetting; }
    bool notifyOnReadable() const noexcept { return settings_ & readableSetting; }
    bool notifyOnWritable() const noexcept { return settings_ & writableSetting; }
@@ -117,8 +120,9 @@ class VEL_EXPORT FileDescriptor : public PtrInterface {
    std::uint32_t wantedEvents() const noexcept;
    void nonBlockingApply() noexcept;
    void watchUpdate();
-   // serial: the number's; another one once this object has given the number up.
-   void deliver(std::uint32_t events, const std::uint32_t& serial);
+   void deliver(std::uint32_t events);
+   // In a forked child, which has copies of the objects, the number is the parent's.
+   int childPipeDescriptor() const noexcept;
    void close() noexcept;
    void forget() noexcept { descriptor_ = -1; }
 

@@ -18,7 +18,7 @@ FileDescriptor::~FileDescriptor() { close(); }
 
 void FileDescriptor::descriptorIs(int descriptor) {
    descriptor = std::max(descriptor, -1);
-   if (descriptor == descriptor_) {
+   if (descriptor == this->descriptor()) {
       return;
    }
    ActivityCore& core = ActivityCore::instance();
@@ -51,9 +51,9 @@ void FileDescriptor::nonBlockingIs(bool on) {
 
 // A descriptor that isn't open is told of when it is watched, like any other that can't be.
 void FileDescriptor::nonBlockingApply() noexcept {
-   if (descriptor_ >= 0) {
+   if (const int descriptor = this->descriptor(); descriptor >= 0) {
       int on = nonBlocking() ? 1 : 0;
-      ::ioctl(descriptor_, FIONBIO, &on);
+      ::ioctl(descriptor, FIONBIO, &on);
    }
 }
 
@@ -85,39 +85,46 @@ std::uint32_t FileDescriptor::wantedEvents() const noexcept {
 }
 
 void FileDescriptor::watchUpdate() {
-   if (descriptor_ >= 0) {
-      ActivityCore::instance().eventsIs(descriptor_, wantedEvents());
+   if (const int descriptor = this->descriptor(); descriptor >= 0) {
+      ActivityCore::instance().eventsIs(descriptor, wantedEvents());
    }
 }
 
-void FileDescriptor::deliver(std::uint32_t events, const std::uint32_t& serial) {
-   // Another one once a handler has ended this object, or has it own another descriptor, even one
-   // of this number: nothing of the object is looked at before that is known.
-   const std::uint32_t fetched = serial;
+void FileDescriptor::deliver(std::uint32_t events) {
+   // A handler may end this object, or have it own another descriptor, even one of this number: so
+   // nothing of the object is looked at before that is known. A child that comes out of a handler
+   // asks its own poll set what is left.
+   const int descriptor = descriptor_;
+   const std::uint64_t stamp = ActivityCore::instance().stamp(descriptor);
+   const auto still = [=] { return ActivityCore::instance().stamp(descriptor) == stamp; };
    if ((settings_ & childPipeSetting) == 0) {
       ActivityCore::instance().deliveryMade();
    }
    const bool failed = (events & (EPOLLHUP | EPOLLERR)) != 0;
+   const bool toWriters = failed || (events & EPOLLOUT) != 0;
+   const bool toOthers = failed || (events & EPOLLPRI) != 0;
    hungUp_ = (events & (EPOLLHUP | EPOLLIN)) == EPOLLHUP;
    if (notifyOnReadable() && (failed || (events & (EPOLLIN | EPOLLRDHUP)) != 0)) {
       announceTo<&NotifieeConst::onReadable, NotifieeConst>(this, notifieeList_);
    }
-   if (serial == fetched && notifyOnWritable() && (failed || (events & EPOLLOUT) != 0)) {
+   if (toWriters && still() && notifyOnWritable()) {
       announceTo<&NotifieeConst::onWritable, NotifieeConst>(this, notifieeList_);
    }
-   if (serial == fetched && notifyOnException() && (failed || (events & EPOLLPRI) != 0)) {
+   if (toOthers && still() && notifyOnException()) {
       announceTo<&NotifieeConst::onException, NotifieeConst>(this, notifieeList_);
    }
 }
 
 void FileDescriptor::close() noexcept {
-   if (descriptor_ >= 0) {
-      ActivityCore::instance().release(descriptor_);
+   if (const int descriptor = this->descriptor(); descriptor >= 0) {
+      ActivityCore::instance().release(descriptor);
+      ::close(descriptor);
    }
-   if (descriptor_ >= 0) { // in a forked child the release may have found it the parent's
-      ::close(descriptor_);
-      descriptor_ = -1;
-   }
+   descriptor_ = -1;
+}
+
+int FileDescriptor::childPipeDescriptor() const noexcept {
+   return ActivityCore::instance().owns(this, descriptor_) ? descriptor_ : -1;
 }
 
 void FileDescriptor::NotifieeConst::isRegisteredNotifieeIs(bool registered) const {

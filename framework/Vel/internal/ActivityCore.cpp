@@ -49,42 +49,38 @@ std::uintptr_t taggedOwner(std::uint32_t tag) {
 
 } // namespace
 
-// ---- which process this is ----
-
-void ActivityCore::leaveParent() noexcept {
-   mark_.renew();
-   // The set, the pidfds and the pipes of the parent's children are open here too, as far as the
-   // child was let keep them. They are left alone: the kernel shares what they stand for, and
-   // their numbers may long be something else's.
-   pollSet_ = -1;
-   next_ = end_ = 0;
-   batchOpen_ = false;
-   wakeups_ = {0, 0};
-   table_.forEach([](int, DescriptorPlace& place) {
-      place.events = 0;
-      FileDescriptor* const object = place.object();
-      if (object == nullptr || place.childPipe()) {
-         place.vacate();
-         if (object != nullptr) {
-            object->forget();
-         }
+// In a forked child the parent's set, and the pidfds and the pipes of its children, are open too,
+// as far as the child was let keep them. They are left alone: the kernel shares what they stand
+// for, and their numbers may long be something else's.
+ActivityCore::ActivityCore(Legacy& legacy, ChildEvents& children) noexcept
+   : legacy_(legacy), table_(legacy.places), children_(children) {
+   ++legacy.generation;
+   for (std::size_t number = 0; number < legacy.objects.size(); ++number) {
+      if (FileDescriptor* const object = legacy.objects[number]) {
+         const auto descriptor = static_cast<int>(number);
+         table_.find(descriptor)->owner = reinterpret_cast<std::uintptr_t>(object);
       }
-   });
-   children_->onFork();
+   }
 }
 
 // ---- who owns which descriptor ----
 
 bool ActivityCore::fd(int descriptor) noexcept {
-   adoptProcess();
    const DescriptorPlace* const place = table_.find(descriptor);
    return descriptor >= 0 && (descriptor == pollSet_ || (place != nullptr && place->owner != 0));
 }
 
 void ActivityCore::ownerIs(int descriptor, FileDescriptor* object) {
-   const bool childPipe = (object->settings_ & FileDescriptor::childPipeSetting) != 0;
-   ownerIs(descriptor, reinterpret_cast<std::uintptr_t>(object) |
-                          (childPipe ? DescriptorPlace::childPipeBit : 0));
+   if ((object->settings_ & FileDescriptor::childPipeSetting) != 0) {
+      ownerIs(descriptor, reinterpret_cast<std::uintptr_t>(object) | DescriptorPlace::childPipeBit);
+      return;
+   }
+   const auto number = static_cast<std::size_t>(descriptor);
+   if (number >= legacy_.objects.size()) {
+      legacy_.objects.resize(number + 1);
+   }
+   ownerIs(descriptor, reinterpret_cast<std::uintptr_t>(object));
+   legacy_.objects[number] = object;
 }
 
 void ActivityCore::ownerIs(int descriptor, std::uint32_t tag) {
@@ -92,12 +88,20 @@ void ActivityCore::ownerIs(int descriptor, std::uint32_t tag) {
 }
 
 void ActivityCore::ownerIs(int descriptor, std::uintptr_t owner) {
-   adoptProcess();
    DescriptorPlace& place = table_.make(descriptor);
    if (place.owner != 0 || descriptor == pollSet_) {
       fdDel(descriptor);
    }
    place.owner = owner;
+}
+
+bool ActivityCore::owns(const FileDescriptor* object, int descriptor) noexcept {
+   const DescriptorPlace* const place = descriptor >= 0 ? table_.find(descriptor) : nullptr;
+   return place != nullptr && place->object() == object;
+}
+
+std::uint64_t ActivityCore::stamp(int descriptor) noexcept {
+   return std::uint64_t{legacy_.generation} << 32 | table_.find(descriptor)->serial;
 }
 
 void ActivityCore::tagIs(int descriptor, std::uint32_t tag) noexcept {
@@ -109,15 +113,14 @@ void ActivityCore::forgotten(std::uintptr_t owner) noexcept {
    if (FileDescriptor* const object = had.object()) {
       object->forget();
       if (had.childPipe()) {
-         children_->onPipeForgotten();
+         children_.onPipeForgotten();
       }
    } else {
-      children_->onForgotten(had.tag());
+      children_.onForgotten(had.tag());
    }
 }
 
 void ActivityCore::fdDel(int descriptor) noexcept {
-   adoptProcess();
    if (descriptor == pollSet_ && descriptor >= 0) {
       forgetPollSet();
       return;
@@ -132,10 +135,9 @@ void ActivityCore::fdDel(int descriptor) noexcept {
 }
 
 int ActivityCore::fdDelUnless(bool (*kept)(int, const void*), const void* context) noexcept {
-   adoptProcess();
-   // Also what a forked child has just left to its parent was known to be open.
-   auto end = static_cast<int>(
-      std::min<std::int64_t>(std::max<std::int64_t>(pollSetEnd_, table_.end()), INT_MAX));
+   // Also what a forked child has left to its parent was known to be open.
+   const auto end = static_cast<int>(
+      std::min<std::int64_t>(std::max<std::int64_t>(legacy_.pollSetEnd, table_.end()), INT_MAX));
    if (pollSet_ >= 0 && !kept(pollSet_, context)) {
       forgetPollSet();
    }
@@ -148,13 +150,15 @@ int ActivityCore::fdDelUnless(bool (*kept)(int, const void*), const void* contex
 }
 
 void ActivityCore::release(int descriptor) noexcept {
-   adoptProcess();
    DescriptorPlace* const place = table_.find(descriptor);
    if (place == nullptr || place->owner == 0) {
       return;
    }
    // Removed before it is closed: where a child has a copy, closing alone would leave it in.
    unwatch(descriptor, *place);
+   if (place->object() != nullptr && !place->childPipe()) {
+      legacy_.objects[static_cast<std::size_t>(descriptor)] = nullptr;
+   }
    place->vacate();
 }
 
@@ -165,7 +169,7 @@ void ActivityCore::openPollSet() {
    if (pollSet_ < 0) {
       throwSystemException("no poll set", errno);
    }
-   pollSetEnd_ = std::max(pollSetEnd_, pollSet_ + 1);
+   legacy_.pollSetEnd = std::max(legacy_.pollSetEnd, pollSet_ + 1);
    try {
       fillPollSet();
    } catch (...) { // a set that lacks some would never get them: the next use tries again
@@ -196,7 +200,7 @@ void ActivityCore::forgetPollSet() noexcept {
    pollSet_ = -1;
    next_ = end_ = 0; // a fresh set yields again what these were
    table_.forEach([](int, DescriptorPlace& place) { place.events = 0; });
-   children_->onPollSetLost();
+   children_.onPollSetLost();
 }
 
 int ActivityCore::control(int operation, int descriptor, const DescriptorPlace& place,
@@ -215,7 +219,6 @@ void ActivityCore::unwatch(int descriptor, DescriptorPlace& place) noexcept {
 }
 
 void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
-   adoptProcess();
    DescriptorPlace* const place = table_.find(descriptor);
    if (place->events == events) {
       return;
@@ -241,16 +244,32 @@ void ActivityCore::eventsIs(int descriptor, std::uint32_t events) {
 
 int ActivityCore::pollFd() {
    const int set = pollSet();
-   children_->onBeforeWait();
+   children_.onBeforeWait();
    return set;
 }
 
 // ---- waiting and delivering ----
 
+namespace {
+
+// A variable has another value for as long as this lives.
+template <class T> class During {
+ public:
+   During(T*& variable, T* value) : variable_(variable), outer_(std::exchange(variable, value)) {}
+   During(const During&) = delete;
+   During& operator=(const During&) = delete;
+   ~During() { variable_ = outer_; }
+
+ private:
+   T*& variable_;
+   T* outer_;
+};
+
+} // namespace
+
 int ActivityCore::runOnce(int timeoutMs) {
-   adoptProcess();
-   const std::uint64_t before = unclaimed();
-   const auto mine = [&] { return unclaimed() - before; };
+   int made = 0;
+   const During<int> counting(made_, &made);
    const Deadline deadline(timeoutMs);
    std::int64_t left = timeoutMs;
    // Events than could be fetched at once: looked for until every descriptor has had its turn, and
@@ -258,45 +277,40 @@ int ActivityCore::runOnce(int timeoutMs) {
    bool more = false;
    auto turns = table_.end() / static_cast<std::int64_t>(fetched_.size());
    do {
+      made_ = &made; // also in a child that comes out of a handler, whose core is another one
       if (next_ == end_) {
          fetch(left);
          more = end_ == static_cast<int>(fetched_.size());
       }
       deliverFetched();
-      if (children_->pauseMs() == 0) {
-         children_->onPause();
+      if (children_.pauseMs() == 0) {
+         children_.onPause();
+         instance();
       }
       left = deadline.leftMs();
-   } while (mine() == 0 && (left != 0 || (more && turns-- > 0)));
-   const std::uint64_t made = mine();
-   claimed_ += made;
-   return static_cast<int>(made);
+   } while (made == 0 && (left != 0 || (more && turns-- > 0)));
+   return made;
 }
 
 void ActivityCore::run() {
    bool stopped = false;
-   bool* const outer = std::exchange(stopped_, &stopped);
-   const struct Restore {
-      bool*& innermost;
-      bool* outer;
-      ~Restore() { innermost = outer; }
-   } restore{stopped_, outer};
+   const During<bool> running(legacy_.stopped, &stopped);
    while (!stopped) {
       runOnce(-1);
    }
 }
 
 void ActivityCore::stop() noexcept {
-   if (stopped_ != nullptr) {
-      *stopped_ = true;
+   if (legacy_.stopped != nullptr) {
+      *legacy_.stopped = true;
    }
 }
 
 void ActivityCore::fetch(std::int64_t waitMs) {
    closeBatch();
    pollSet();
-   children_->onBeforeWait();
-   const int pause = children_->pauseMs();
+   children_.onBeforeWait();
+   const int pause = children_.pauseMs();
    const bool pauseFirst = pause >= 0 && (waitMs < 0 || pause <= waitMs);
    next_ = end_ = 0;
    end_ = wait(pauseFirst ? pause : waitMs);
@@ -304,7 +318,7 @@ void ActivityCore::fetch(std::int64_t waitMs) {
       pipesLast();
       ++wakeups_.total;
       batchOpen_ = true;
-      deliveredBefore_ = deliveries_;
+      delivered_ = false;
    }
 }
 
@@ -335,7 +349,7 @@ int ActivityCore::wait(std::int64_t waitMs) {
          replaced = true;
          forgetPollSet();
          pollSet();
-         children_->onBeforeWait();
+         children_.onBeforeWait();
       } else if (error != EINTR) {
          throwSystemException("waiting for events failed", error);
       }
@@ -347,6 +361,7 @@ void ActivityCore::deliverFetched() {
    const struct ArmAgain {
       ActivityCore& core;
       ~ArmAgain() {
+         instance();
          if (core.next_ != core.end_) {
             core.armAgain();
          }
@@ -358,7 +373,7 @@ void ActivityCore::deliverFetched() {
       // comes out of the handler must not deliver what its parent has fetched.
       const epoll_event event = fetched_[static_cast<std::size_t>(next_++)];
       deliver(event);
-      adoptProcess();
+      instance();
    }
 }
 
@@ -377,23 +392,22 @@ void ActivityCore::deliver(const epoll_event& event) {
       return;
    }
    if (FileDescriptor* const object = place->object()) {
-      object->deliver(event.events, place->serial);
+      object->deliver(event.events);
    } else {
-      children_->onEvent(place->tag());
+      children_.onEvent(place->tag());
    }
 }
 
 void ActivityCore::closeBatch() noexcept {
    if (batchOpen_) {
       batchOpen_ = false;
-      wakeups_.empty += deliveries_ == deliveredBefore_ ? 1 : 0;
+      wakeups_.empty += delivered_ ? 0 : 1;
    }
 }
 
 // Modifying a registration makes the kernel look again, which brings back an edge that was fetched
 // and not delivered.
 void ActivityCore::armAgain() noexcept {
-   adoptProcess();
    for (; next_ != end_; ++next_) {
       const epoll_event& event = fetched_[static_cast<std::size_t>(next_)];
       if (const DescriptorPlace* const place = placeOf(event)) {

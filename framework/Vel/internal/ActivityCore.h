@@ -4,11 +4,11 @@
 
 #include <Vel/Activity.h>
 #include <Vel/internal/DescriptorTable.h>
-#include <Vel/internal/ForkMark.h>
 
 #include <array>
 #include <cstdint>
 #include <sys/epoll.h>
+#include <vector>
 
 namespace Vel {
 
@@ -22,7 +22,6 @@ class ChildEvents {
    virtual void onForgotten(std::uint32_t tag) noexcept = 0;
    virtual void onPipeForgotten() noexcept = 0;
    virtual void onPollSetLost() noexcept = 0;
-   virtual void onFork() noexcept = 0; // nothing of the parent's is this process's
 
  protected:
    ~ChildEvents() = default;
@@ -30,7 +29,21 @@ class ChildEvents {
 
 class ActivityCore {
  public:
+   // What a forked child takes over; all else it starts with anew.
+   struct Legacy {
+      std::vector<FileDescriptor*> objects; // by descriptor; the pipes of children not among them
+      DescriptorTable::More places;
+      int pollSetEnd = 0;      // one more than the highest number that a poll set ever had
+      bool* stopped = nullptr; // the innermost run's
+      std::uint32_t generation = 0;
+   };
+
+   // This process's. Whoever may have run a handler asks again before looking at it: in a child
+   // that comes out of there it is another one, at the same place.
    static ActivityCore& instance() noexcept;
+   ActivityCore(Legacy& legacy, ChildEvents& children) noexcept;
+   ActivityCore(const ActivityCore&) = delete;
+   ActivityCore& operator=(const ActivityCore&) = delete;
 
    int runOnce(int timeoutMs);
    void run();
@@ -45,30 +58,27 @@ class ActivityCore {
    void ownerIs(int descriptor, FileDescriptor* object);
    void ownerIs(int descriptor, std::uint32_t tag);
    void tagIs(int descriptor, std::uint32_t tag) noexcept; // its owner goes by another tag now
+   bool owns(const FileDescriptor* object, int descriptor) noexcept;
+   // Another one once the number's present owner has given it up, and in a forked child.
+   std::uint64_t stamp(int descriptor) noexcept;
    // Watches an owned one for these events, or no more for 0. SystemException when the kernel
    // refuses.
    void eventsIs(int descriptor, std::uint32_t events);
    // Out of the poll set and without an owner, who is about to close it.
    void release(int descriptor) noexcept;
 
-   constexpr void childEventsIs(ChildEvents* children) noexcept { children_ = children; }
-   void deliveryMade() noexcept { ++deliveries_; }
-   // Called first by whatever may run in a forked child: leaves the parent's things to the parent.
-   void adoptProcess() noexcept {
-      if (mark_.crossed()) {
-         leaveParent();
+   void deliveryMade() noexcept {
+      delivered_ = true;
+      if (made_ != nullptr) {
+         ++*made_;
       }
    }
 
  private:
-   class Batch;
-
-   void leaveParent() noexcept;
    void ownerIs(int descriptor, std::uintptr_t owner);
    void forgotten(std::uintptr_t owner) noexcept;
    void forgetPollSet() noexcept;
    int pollSet() {
-      adoptProcess();
       if (pollSet_ < 0) {
          openPollSet();
       }
@@ -79,7 +89,7 @@ class ActivityCore {
    int control(int operation, int descriptor, const DescriptorPlace& place,
                std::uint32_t events) noexcept;
    void unwatch(int descriptor, DescriptorPlace& place) noexcept;
-   std::uint64_t unclaimed() const noexcept { return deliveries_ - claimed_; }
+   void vacate(int descriptor, DescriptorPlace& place) noexcept;
    void fetch(std::int64_t waitMs);
    void pipesLast() noexcept;
    int wait(std::int64_t waitMs);
@@ -89,22 +99,19 @@ class ActivityCore {
    void closeBatch() noexcept;
    void armAgain() noexcept;
 
-   ForkMark mark_;
+   Legacy& legacy_;
    DescriptorTable table_;
-   ChildEvents* children_ = nullptr; // lives for the process, and is there before anything runs
+   ChildEvents& children_;
    int pollSet_ = -1;
-   int pollSetEnd_ = 0; // one more than the highest number that it ever had
    // Events that were fetched and not yet delivered. They are the manager's, not a call's: a run
    // within a handler goes on with them.
-   std::array<epoll_event, 64> fetched_{};
+   std::array<epoll_event, 64> fetched_;
    int next_ = 0;
    int end_ = 0;
    bool batchOpen_ = false; // fetched, and not yet told whether it delivered anything
-   std::uint64_t deliveredBefore_ = 0;
-   std::uint64_t deliveries_ = 0;
-   std::uint64_t claimed_ = 0; // of the deliveries: those that a runOnce has returned
+   bool delivered_ = false; // something, since
+   int* made_ = nullptr;    // where the innermost runOnce counts its deliveries
    ActivityManagerSm::Wakeups wakeups_{0, 0};
-   bool* stopped_ = nullptr; // the innermost run's
 };
 
 } // namespace Vel

@@ -54,6 +54,12 @@ void ChildWatch::unsettledIs(Place& place, bool unsettled) noexcept {
    place.unsettled = unsettled;
 }
 
+// What a copy in a forked child says of itself is the parent's.
+std::uint32_t ChildWatch::placeOf(const ChildSiginfo& siginfo) noexcept {
+   const std::uint32_t at = siginfo.place_;
+   return at < children_.size() && children_[at].siginfo == &siginfo ? at : ChildSiginfo::noPlace;
+}
+
 // The place of a child that waits for a siginfo, or a new one.
 std::uint32_t ChildWatch::placeFor(ChildSiginfo& siginfo) {
    if (unwatchedCount_ != 0) {
@@ -73,7 +79,7 @@ std::uint32_t ChildWatch::placeFor(ChildSiginfo& siginfo) {
 }
 
 bool ChildWatch::watch(ChildSiginfo& siginfo, bool pipeWatched) {
-   if (siginfo.place_ == ChildSiginfo::noPlace) {
+   if (placeOf(siginfo) == ChildSiginfo::noPlace) {
       siginfo.place_ = placeFor(siginfo);
    }
    open(siginfo.place_);
@@ -86,7 +92,7 @@ bool ChildWatch::watch(ChildSiginfo& siginfo, bool pipeWatched) {
 }
 
 void ChildWatch::leave(ChildSiginfo& siginfo) noexcept {
-   const std::uint32_t at = siginfo.place_;
+   const std::uint32_t at = placeOf(siginfo);
    if (at == ChildSiginfo::noPlace) {
       return;
    }
@@ -237,18 +243,6 @@ void ChildWatch::onPollSetLost() noexcept {
    timerWatched_ = false; // but open: whoever closes all descriptors has its number on the list
 }
 
-void ChildWatch::onFork() noexcept {
-   for (std::uint32_t at = 0; at < children_.size(); ++at) {
-      if (ChildSiginfo* const siginfo = children_[at].siginfo) {
-         siginfo->place_ = ChildSiginfo::noPlace;
-      }
-   }
-   children_.clear();
-   unwatchedCount_ = askedCount_ = unsettledCount_ = cursor_ = 0;
-   pipesForgotten_ = pausing_ = timerWatched_ = false;
-   timer_ = -1;
-}
-
 // ---- learning of the end ----
 
 Ended ChildWatch::ask(Place& place, ProcessStatus& status) noexcept {
@@ -279,7 +273,7 @@ void ChildWatch::onEvent(std::uint32_t tag) {
 }
 
 void ChildWatch::pipeEnded(ChildSiginfo& siginfo) {
-   const std::uint32_t at = siginfo.place_;
+   const std::uint32_t at = placeOf(siginfo);
    if (at == ChildSiginfo::noPlace || children_[at].watched) {
       return; // the pidfd decides
    }
@@ -294,12 +288,12 @@ void ChildWatch::pipeEnded(ChildSiginfo& siginfo) {
 }
 
 void ChildWatch::conclude(ChildSiginfo& siginfo) {
-   if (siginfo.place_ != ChildSiginfo::noPlace) {
-      Place& place = children_[siginfo.place_];
+   if (const std::uint32_t at = placeOf(siginfo); at != ChildSiginfo::noPlace) {
+      Place& place = children_[at];
       place.gone = true;
       place.ours = false; // its number is another process's now
       ProcessStatus status;
-      conclude(siginfo.place_, ask(place, status), status);
+      conclude(at, ask(place, status), status);
    }
 }
 
@@ -324,10 +318,11 @@ void ChildWatch::conclude(std::uint32_t at, Ended ended, const ProcessStatus& st
 }
 
 bool ChildWatch::signal(const ChildSiginfo& siginfo, int number) {
-   if (siginfo.place_ == ChildSiginfo::noPlace) {
+   const std::uint32_t at = placeOf(siginfo);
+   if (at == ChildSiginfo::noPlace) {
       return false;
    }
-   const Place& place = children_[siginfo.place_];
+   const Place& place = children_[at];
    int error = ESRCH;
    if (place.pidfd >= 0) {
       error = pidfdSignal(place.pidfd, number);
@@ -426,14 +421,13 @@ void ChildWatch::onPause() {
    // The rest of the round is due soon, also when a handler throws. In a child that comes out of
    // a handler there is no rest: these are its parent's children.
    const struct Next {
-      ChildWatch& watch;
       ~Next() {
-         watch.core_.adoptProcess();
+         ChildWatch& watch = instance();
          const bool done = watch.cursor_ >= watch.children_.size();
          watch.cursor_ = done ? 0 : watch.cursor_;
          watch.pauseIs(done ? watch.roundPause_ : shortestPause);
       }
-   } next{*this};
+   } next;
    for (int asked = 0; asked < askedAtOnce && cursor_ < children_.size();) {
       Place& place = children_[cursor_];
       if (!place.asked) {
@@ -445,7 +439,7 @@ void ChildWatch::onPause() {
       const Ended ended = ask(place, status);
       if (ended == Ended::yes || ended == Ended::lost) {
          conclude(cursor_, ended, status); // another child has its place now
-         core_.adoptProcess();
+         instance(); // a child that comes out of a handler starts here with an empty table
       } else {
          ++cursor_;
       }

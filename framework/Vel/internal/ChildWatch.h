@@ -21,11 +21,25 @@ struct ChildSiginfo::End {
 // reap. A pidfd, edge-triggered, tells of the end. Where there is none, or the poll set refuses
 // it, the child is asked after: when its pipe ends, and in growing pauses, one timer for all.
 //
-// One for the process. After a fork the child starts with an empty table.
 class ChildWatch final : public ChildEvents {
+   struct Place {
+      ChildSiginfo* siginfo = nullptr; // uncounted: it leaves before it ends
+      int pid = 0;
+      int pidfd = -1;
+      bool forked = false;    // by us: reaped even when nobody watches
+      bool ours = true;       // our child, so waiting for it is right
+      bool known = false;     // ... as the kernel has confirmed once
+      bool owned = false;     // the manager knows whose the pidfd is
+      bool watched = false;   // the poll set has it
+      bool asked = false;     // in pauses, since nothing else would tell
+      bool gone = false;      // ended for certain, status out of reach unless the pidfd has it
+      bool unsettled = false; // to be watched anew
+   };
+
  public:
-   static ChildWatch& instance() noexcept;
-   constexpr explicit ChildWatch(ActivityCore& core) noexcept : core_(core) {}
+   static ChildWatch& instance() noexcept;  // this process's
+   using Legacy = PagedVector<Place>::More; // memory: a forked child starts with an empty table
+   ChildWatch(Legacy& legacy, ActivityCore& core) noexcept : core_(core), children_(legacy) {}
 
    // Starts watching the process for the siginfo, beside the pipe if that is watched. Throws
    // bad_alloc; false when nothing would ever tell of the end, and then nothing is watched.
@@ -48,25 +62,12 @@ class ChildWatch final : public ChildEvents {
    void onForgotten(std::uint32_t tag) noexcept override;
    void onPipeForgotten() noexcept override { pipesForgotten_ = true; }
    void onPollSetLost() noexcept override;
-   void onFork() noexcept override;
 
  private:
-   struct Place {
-      ChildSiginfo* siginfo = nullptr; // uncounted: it leaves before it ends
-      int pid = 0;
-      int pidfd = -1;
-      bool forked = false;    // by us: reaped even when nobody watches
-      bool ours = true;       // our child, so waiting for it is right
-      bool known = false;     // ... as the kernel has confirmed once
-      bool owned = false;     // the manager knows whose the pidfd is
-      bool watched = false;   // the poll set has it
-      bool asked = false;     // in pauses, since nothing else would tell
-      bool gone = false;      // ended for certain, status out of reach unless the pidfd has it
-      bool unsettled = false; // to be watched anew
-   };
-
    static constexpr int longestPause = 1000;
 
+   // Of a siginfo that is watched, in this process; else noPlace.
+   std::uint32_t placeOf(const ChildSiginfo& siginfo) noexcept;
    std::uint32_t placeFor(ChildSiginfo& siginfo);
    void open(std::uint32_t at) noexcept;
    bool openPidfd(std::uint32_t at) noexcept;

@@ -35,6 +35,11 @@ struct DescriptorPlace {
 // Looking up is O(1); a negative number has no place.
 class DescriptorTable {
  public:
+   using More = Pages<DescriptorPlace>::More;
+
+   explicit DescriptorTable(More& more) noexcept : places_(more) {
+      places_.forEach([](std::uint32_t, DescriptorPlace& place) { place = {}; }); // another one's
+   }
    DescriptorPlace* find(int descriptor) noexcept {
       return places_.find(static_cast<std::uint32_t>(descriptor));
    }

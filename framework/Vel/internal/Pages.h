@@ -1,7 +1,7 @@
 // Arrays that grow without moving what is in them.
 #pragma once
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -10,9 +10,15 @@
 namespace Vel {
 
 // In pages that come with the first element asked for in them, and stay. The first one is in place:
-// it is all that most programs need, and lies beside what else the process keeps.
+// it is all that most programs need, and lies beside what else the process keeps. The others are
+// somebody else's, who may keep them longer.
 template <class T> class Pages {
  public:
+   using More = std::vector<std::unique_ptr<T[]>>; // by page; none for the first
+
+   explicit Pages(More& more) noexcept
+      : pages_(std::max<std::uint32_t>(static_cast<std::uint32_t>(more.size()), 1)), more_(more) {}
+
    T& operator[](std::uint32_t at) noexcept {
       return at < pageSize ? first_[at] : more_[at / pageSize][at % pageSize];
    }
@@ -54,14 +60,17 @@ template <class T> class Pages {
       return (*this)[at];
    }
 
-   std::uint32_t pages_ = 1;                // as many as there may be
-   std::vector<std::unique_ptr<T[]>> more_; // by page; none for the first
+   std::uint32_t pages_; // as many as there may be
+   More& more_;
    T first_[pageSize]{};
 };
 
 // Elements one after the other on such pages.
 template <class T> class PagedVector {
  public:
+   using More = typename Pages<T>::More;
+
+   explicit PagedVector(More& more) noexcept : pages_(more) {}
    std::uint32_t size() const noexcept { return size_; }
    T& operator[](std::uint32_t at) noexcept { return pages_[at]; }
    T& back() noexcept { return (*this)[size_ - 1]; }

@@ -1,36 +1,65 @@
-// What the library keeps for as long as the process lives.
-#include <Vel/internal/ChildWatch.h>
+#include <Vel/internal/ProcessState.h>
+
+#include <cstddef>
+#include <new>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace Vel {
 
 namespace {
 
-struct ProcessState {
-   constexpr ProcessState() noexcept : watch(core) { core.childEventsIs(&watch); }
-
-   ActivityCore core;
-   ChildWatch watch;
-};
-
-// There before anything runs and never destroyed: the program's static objects may end later and
-// have descriptors and children.
+// What a process leaves to the children that it forks. There before anything runs and never
+// destroyed: the program's static objects may end later and have descriptors and children.
 union Kept {
-   constexpr Kept() noexcept : state() {}
+   constexpr Kept() noexcept : legacies() {}
    ~Kept() {}
-   ProcessState state;
+   struct {
+      ActivityCore::Legacy core;
+      ChildWatch::Legacy watch;
+   } legacies;
 };
+constinit Kept kept;
 
-// In a page of its own, but for what grows: a process that forks pays a fault for each page that it
-// writes between two forks.
-alignas(4096) constinit Kept kept;
+// Zeroed, and again in every child; null where the kernel has no such pages.
+void* wipedOnFork() noexcept {
+   constexpr std::size_t size = sizeof(ProcessState);
+   void* const memory =
+      ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+   if (memory == MAP_FAILED) {
+      return nullptr;
+   }
+   if (::madvise(memory, size, MADV_WIPEONFORK) != 0) {
+      ::munmap(memory, size);
+      return nullptr;
+   }
+   return memory;
+}
+
+alignas(ProcessState) std::byte unwiped[sizeof(ProcessState)];
+int unwipedPid = 0; // whose that is; 0: nobody's
 
 } // namespace
 
-ActivityCore& ActivityCore::instance() noexcept { return kept.state.core; }
+constinit ProcessState* ProcessState::present_ = nullptr;
 
-ChildWatch& ChildWatch::instance() noexcept {
-   kept.state.core.adoptProcess();
-   return kept.state.watch;
+ProcessState::ProcessState() noexcept
+   : core(kept.legacies.core, watch), watch(kept.legacies.watch, core), made_(unwipedPid == 0) {}
+
+ProcessState& ProcessState::adopted() noexcept {
+   if (unwipedPid != 0 && unwipedPid == ::getpid()) {
+      return *present_;
+   }
+   void* memory = present_ != nullptr ? present_ : wipedOnFork();
+   if (memory == nullptr || unwipedPid != 0) {
+      memory = unwiped;
+      unwipedPid = ::getpid();
+   }
+   return *(present_ = ::new (memory) ProcessState);
 }
+
+ActivityCore& ActivityCore::instance() noexcept { return ProcessState::current().core; }
+
+ChildWatch& ChildWatch::instance() noexcept { return ProcessState::current().watch; }
 
 } // namespace Vel
