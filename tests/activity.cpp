@@ -6,6 +6,7 @@
 #include <ctime>
 #include <optional>
 #include <stdexcept>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
@@ -233,6 +234,28 @@ TEST_F(Activity, StopEndsTheInnermostRun) {
    manager()->run();
    EXPECT_EQ(innerEnded, 2U);
    EXPECT_EQ(watched.watcher->calls.size(), 3U) << "the outer one went on";
+}
+
+// What its parent's poll set said of a descriptor is not told on in the child, whose own says it
+// again.
+TEST_F(Activity, AChildThatComesOutOfAHandlerAsksItsOwnPollSet) {
+   EXPECT_EQ(apart([] {
+                Watched both(::eventfd(1, EFD_NONBLOCK));
+                both.fd->notifyOnWritableIs(true);
+                pid_t child = -1;
+                both.watcher->heard = [&] { child = child < 0 ? ::fork() : child; };
+                EXPECT_EQ(manager()->runOnce(1000), 1);
+                EXPECT_EQ(both.watcher->calls.size(), child == 0 ? 1U : 2U);
+                EXPECT_EQ(manager()->runOnce(1000), 1);
+                EXPECT_EQ(both.watcher->calls.size(), child == 0 ? 3U : 4U);
+                if (child == 0) {
+                   ::_exit(testing::Test::HasFailure());
+                }
+                int status = -1;
+                EXPECT_EQ(::waitpid(child, &status, 0), child);
+                EXPECT_EQ(status, 0);
+             }),
+             0);
 }
 
 // ---- waiting ----

@@ -285,7 +285,6 @@ int ActivityCore::runOnce(int timeoutMs) {
       deliverFetched();
       if (children_.pauseMs() == 0) {
          children_.onPause();
-         instance();
       }
       left = deadline.leftMs();
    } while (made == 0 && (left != 0 || (more && turns-- > 0)));
