@@ -279,8 +279,12 @@ void itClosesWhatItInheritedBehindTheManager(World& world) {
 
 void itsSiblingsAreNotItsChildren(World& world) {
    const Gate gate;
+   const All low(32); // what is of the sibling has high numbers
    const Child sibling = world.childOf(world.startAt(gate, 9));
+   const int pipe = sibling->siginfo()->childPipe()->descriptor();
+   EXPECT_TRUE(manager()->fd(pipe));
    const Child child = world.childOf(world.start([&] {
+      EXPECT_FALSE(manager()->fd(pipe));
       EXPECT_FALSE(sibling->siginfo()->signal(SIGKILL));
       gate.open();
       for (int turn = 0; turn < 5; ++turn) {
