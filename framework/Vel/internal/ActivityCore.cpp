@@ -52,8 +52,9 @@ std::uintptr_t taggedOwner(std::uint32_t tag) {
 // In a forked child the parent's set, and the pidfds and the pipes of its children, are open too,
 // as far as the child was let keep them. They are left alone: the kernel shares what they stand
 // for, and their numbers may long be something else's.
-ActivityCore::ActivityCore(Legacy& legacy, ChildEvents& children) noexcept
-   : legacy_(legacy), table_(legacy.places), children_(children) {
+ActivityCore::ActivityCore(DescriptorPlace* firstPlaces, Legacy& legacy,
+                           ChildEvents& children) noexcept
+   : legacy_(legacy), table_(firstPlaces, legacy.places), children_(children) {
    ++legacy.generation;
    for (std::size_t number = 0; number < legacy.objects.size(); ++number) {
       if (FileDescriptor* const object = legacy.objects[number]) {

@@ -32,7 +32,7 @@ class ActivityCore {
    // What a forked child takes over; all else it starts with anew.
    struct Legacy {
       std::vector<FileDescriptor*> objects; // by descriptor; the pipes of children not among them
-      DescriptorTable::More places;
+      DescriptorTable::Kept places;
       int pollSetEnd = 0;      // one more than the highest number that a poll set ever had
       bool* stopped = nullptr; // the innermost run's
       std::uint32_t generation = 0;
@@ -41,7 +41,7 @@ class ActivityCore {
    // This process's. Whoever may have run a handler asks again before looking at it: in a child
    // that comes out of there it is another one, at the same place.
    static ActivityCore& instance() noexcept;
-   ActivityCore(Legacy& legacy, ChildEvents& children) noexcept;
+   ActivityCore(DescriptorPlace* firstPlaces, Legacy& legacy, ChildEvents& children) noexcept;
    ActivityCore(const ActivityCore&) = delete;
    ActivityCore& operator=(const ActivityCore&) = delete;
 

@@ -20,8 +20,8 @@ struct ChildSiginfo::End {
 // Each child has a place: one with a siginfo is somebody's, one without is the manager's own to
 // reap. A pidfd, edge-triggered, tells of the end. Where there is none, or the poll set refuses
 // it, the child is asked after: when its pipe ends, and in growing pauses, one timer for all.
-//
 class ChildWatch final : public ChildEvents {
+ public:
    struct Place {
       ChildSiginfo* siginfo = nullptr; // uncounted: it leaves before it ends
       int pid = 0;
@@ -35,11 +35,11 @@ class ChildWatch final : public ChildEvents {
       bool gone = false;      // ended for certain, status out of reach unless the pidfd has it
       bool unsettled = false; // to be watched anew
    };
+   using Kept = PagedVector<Place>::Kept; // memory: a forked child starts with an empty table
 
- public:
-   static ChildWatch& instance() noexcept;  // this process's
-   using Legacy = PagedVector<Place>::More; // memory: a forked child starts with an empty table
-   ChildWatch(Legacy& legacy, ActivityCore& core) noexcept : core_(core), children_(legacy) {}
+   static ChildWatch& instance() noexcept; // this process's
+   ChildWatch(Place* firstPlaces, Kept& kept, ActivityCore& core) noexcept
+      : core_(core), children_(firstPlaces, kept) {}
 
    // Starts watching the process for the siginfo, beside the pipe if that is watched. Throws
    // bad_alloc; false when nothing would ever tell of the end, and then nothing is watched.

@@ -35,23 +35,25 @@ struct DescriptorPlace {
 // Looking up is O(1); a negative number has no place.
 class DescriptorTable {
  public:
-   using More = Pages<DescriptorPlace>::More;
+   using Kept = Pages<DescriptorPlace>::Kept;
 
-   explicit DescriptorTable(More& more) noexcept : places_(more) {
-      places_.forEach([](std::uint32_t, DescriptorPlace& place) { place = {}; }); // another one's
+   // Empty, also when what is kept is another one's.
+   DescriptorTable(DescriptorPlace* first, Kept& kept) noexcept : places_(first, kept) {
+      places_.forEach(places_.pageSize, [](std::uint32_t, DescriptorPlace& place) { place = {}; });
    }
+
    DescriptorPlace* find(int descriptor) noexcept {
       return places_.find(static_cast<std::uint32_t>(descriptor));
    }
    DescriptorPlace& make(int descriptor) { // throws bad_alloc, and changes nothing then
       return places_.make(static_cast<std::uint32_t>(descriptor));
    }
-   // One more than the highest number that there is a place for.
+   // One more than the highest number that ever had an owner.
    std::int64_t end() const noexcept { return places_.end(); }
 
    // For every place with an owner: visit(number, place).
    template <class Visit> void forEach(Visit&& visit) {
-      places_.forEach([&](std::uint32_t number, DescriptorPlace& place) {
+      places_.forEach(0, [&](std::uint32_t number, DescriptorPlace& place) {
          if (place.owner != 0) {
             visit(static_cast<int>(number), place);
          }

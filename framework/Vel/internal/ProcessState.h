@@ -6,7 +6,7 @@
 
 namespace Vel {
 
-// Lies in a page that the kernel hands zeroed to every child, who then starts with a new one: the
+// Lies in pages that the kernel hands zeroed to every child, who then starts with a new one: the
 // parent's poll set and children are none of its own. A process that forks pays a fault for each
 // ordinary page that it writes between two forks; for such a one it doesn't.
 class ProcessState {
@@ -21,11 +21,12 @@ class ProcessState {
    ChildWatch watch;
 
  private:
-   ProcessState() noexcept;
+   struct Memory;
+   explicit ProcessState(Memory& memory) noexcept;
    static ProcessState& adopted() noexcept;
 
    bool made_; // never where no page can be wiped: then the process id tells, each time
-   static ProcessState* present_;
+   static ProcessState* present_; // the first thing in its memory
 };
 
 } // namespace Vel
