@@ -19,13 +19,13 @@ void timed(const std::string& name, Turns turns, unsigned atATime = 64);
 class Times {
  public:
    void timeIs(const std::string& name, double time);
-   // Prints a row with the ratio of the medians of two cases' repetitions, which were run in random
-   // order; none if either was left out of the run.
+   // Prints a row with the ratio of two cases' repetitions, which were run in random order; none if
+   // either was left out of the run.
    void ratioRow(const std::string& what, const std::string& name, const std::string& floor,
                  const char* bound, const char* note = "") const;
 
  private:
-   double median(const std::string& name) const;
+   double typical(const std::string& name) const;
 
    std::map<std::string, std::vector<double>> repetitions_;
 };
