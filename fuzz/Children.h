@@ -88,7 +88,7 @@ inline std::vector<std::uint64_t> tallies() {
 }
 
 inline Vel::Ptr<Context> keeping(const std::set<int>& kept) {
-   const auto context = Vel::newEntity<Context>();
+   auto context = Vel::newEntity<Context>();
    for (const int descriptor : kept) {
       context->skipFdIs(descriptor, true);
    }

@@ -42,7 +42,7 @@ TEST_P(Faults, AreSurvived) {
 #define FAULT(name)                                                                                \
    Fault { #name, name }
 
-inline auto bothWays(std::vector<Fault> faults) {
+inline auto bothWays(const std::vector<Fault>& faults) {
    return testing::Combine(testing::ValuesIn(faults), testing::Bool());
 }
 

@@ -201,7 +201,7 @@ class RudeTracker : public Sm {
 // Sets the child's record as if the loop had learned of its end.
 inline void endIs(const Zor::ChildProcess& child, Siginfo::SignalCode code,
                   std::uint8_t value = 0) {
-   const Vel::Ptr<Siginfo> siginfo = child.siginfo();
+   const Vel::ValidPtr<Siginfo> siginfo(child.siginfo());
    code == Siginfo::killed ? siginfo->exitSignalIs(value) : siginfo->exitStatusIs(value);
    siginfo->signalCodeIs(code);
 }

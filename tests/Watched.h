@@ -24,7 +24,7 @@ class Watcher : public Vel::FileDescriptor::NotifieeConst {
 
  private:
    void called(const char* what) {
-      calls.push_back(what);
+      calls.emplace_back(what);
       const auto act = heard; // which may drop this watcher
       act();
    }

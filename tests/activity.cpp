@@ -14,7 +14,6 @@
 namespace {
 
 using testing::ElementsAre;
-using Vel::FileDescriptor;
 using Vel::Ptr;
 
 using Activity = TrackerTest;

@@ -98,6 +98,7 @@ TEST_F(Entities, HandlesAreCopiedAndDroppedOnSeveralThreadsOnceTheSwitchIsOn) {
    VFPtrInterface::enableThreadSafePointers = true;
    std::atomic<int> running = 4;
    std::vector<std::jthread> threads;
+   threads.reserve(4);
    for (int thread = 0; thread < 4; ++thread) {
       threads.emplace_back([&] {
          for (int round = 0; round < 20000; ++round) {
@@ -119,7 +120,7 @@ TEST_F(Entities, HandlesAreCopiedAndDroppedOnSeveralThreadsOnceTheSwitchIsOn) {
 }
 
 TEST_F(Entities, AnObjectIsFinishedOnceAndOneWhoseConstructorThrowsNotAtAll) {
-   const auto temporaries = [](Probe& self) { const Handle first(&self), second(first); };
+   const auto temporaries = [](Probe& self) { const Handle first(&self), second(&self); };
    Vel::newEntity<Probe>(temporaries)->ending = temporaries;
    EXPECT_TRUE(Probe::zeroCalls == 1 && live() == 0);
    const auto total = Probe::velAllocTrackTypeInfo_->totalCount();

@@ -19,7 +19,6 @@ namespace {
 
 using testing::AllOf;
 using testing::ContainsRegex;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 

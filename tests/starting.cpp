@@ -22,7 +22,7 @@ void otherUserWithoutProcesses() {
 void noPipeOrNoProcess(World& world) {
    const std::pair<void (*)(), int> rows[] = {
       {[] { descriptorLimitIs(static_cast<rlim_t>(NextPipe().read)); }, EMFILE},
-      {[] { descriptorLimitIs(static_cast<rlim_t>(NextPipe().read + 1)); }, EMFILE},
+      {[] { descriptorLimitIs(static_cast<rlim_t>(NextPipe().read) + 1); }, EMFILE},
       {[] { refuse(SYS_pipe2, ENFILE), refuse(SYS_pipe, ENFILE); }, ENFILE}, // one of the two
       {[] { refuse(SYS_clone, EAGAIN); }, EAGAIN},
       {[] { refuse(SYS_clone, ENOMEM); }, ENOMEM},
@@ -275,9 +275,9 @@ struct Grouping : std::numpunct<char> {
 };
 
 void namesAndLocalesAreOdd(World& world) {
-   const std::string signature =
-      "virtual S32 Zor::ChildProcessTrackerSm::forkChild(Vel::String, void (* const&)"
-      "(Zor::ChildProcessInitCallbackContext), void* const&, const Ptr&) ";
+   const char* const forked = "ChildProcessTracker 8 ChildProcessTracker:63 forkChild virtual S32 "
+                              "Zor::ChildProcessTrackerSm::forkChild(Vel::String, void (* const&)"
+                              "(Zor::ChildProcessInitCallbackContext), void* const&, const Ptr&) ";
    std::locale::global(std::locale(std::locale::classic(), new Grouping));
    for (const std::string& name :
         {std::string(), std::string(16 << 20, 'x'), std::string("a\0b", 3),
@@ -290,10 +290,9 @@ void namesAndLocalesAreOdd(World& world) {
       EXPECT_EQ(std::string(world.childOf(pid)->siginfo()->name()), "ChildSiginfo-" + number);
       world.runAll();
       EXPECT_EQ(calls.size(), 3U + 1U);
-      EXPECT_TRUE(calls[0] ==
-                  "ChildProcessTracker 8 ChildProcessTracker:63 forkChild " + signature + name);
-      EXPECT_NE(calls[3].find(") " + number + " '" + name + "' exited with status 0"),
-                calls[3].npos);
+      EXPECT_TRUE(calls[0] == std::string(forked).append(name));
+      const std::string ended = std::string(") ").append(number).append(" '").append(name);
+      EXPECT_NE(calls[3].find(ended + "' exited with status 0"), calls[3].npos);
    }
    std::locale::global(std::locale::classic());
 }
@@ -304,7 +303,7 @@ void threadsAreBusy(World& world) {
    const auto shared = Vel::newEntity<Context>();
    const auto busy = [&] {
       while (!over) {
-         const Vel::Ptr<Context> copy(shared);
+         const Vel::Ptr<Context> copy(shared.get());
          Vel::TraceFacility::levelEnabledIs("ChildProcessTracker", 3, !over);
       }
    };

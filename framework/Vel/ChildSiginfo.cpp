@@ -111,7 +111,7 @@ void ChildSiginfo::endIs(const End& end) {
 
 Ptr<FileDescriptor> ChildSiginfo::childPipeIs(Name name) {
    const Ptr<ChildSiginfo> self(this); // a notifiee may drop every other handle on it
-   const ValidPtr<FileDescriptor> pipe(newEntity<FileDescriptor>(std::move(name)));
+   ValidPtr<FileDescriptor> pipe(newEntity<FileDescriptor>(std::move(name)));
    pipe->settings_ |= FileDescriptor::childPipeSetting;
    childPipe_ = pipe;
    announce<&NotifieeConst::onChildPipe>();

@@ -142,7 +142,7 @@ class VEL_EXPORT PtrInterface {
 
  protected:
    // Leaves the count at one: the creation reference, which newEntity gives up.
-   PtrInterface() noexcept : references_(1) {}
+   PtrInterface() noexcept = default;
 
    // The bits belong to the activity thread, but share their word with a count that other threads
    // may be changing: with the switch on, a plain write here would take their changes back.
@@ -169,7 +169,7 @@ class VEL_EXPORT PtrInterface {
       return left;
    }
 
-   mutable std::uint32_t references_;
+   mutable std::uint32_t references_ = 1;
 };
 
 } // namespace Vel

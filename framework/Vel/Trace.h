@@ -35,7 +35,8 @@ class VEL_EXPORT TraceHandle {
  public:
    // All levels are on from the start when allEnabled is true.
    TraceHandle(String8 name, bool allEnabled);
-   ~TraceHandle() {} // inline and empty: the switches belong to the facility, which never ends
+   // Empty, but run when the program ends: the switches belong to the facility, which never does.
+   ~TraceHandle() {} // NOLINT(modernize-use-equals-default)
 
    const String8& name() const noexcept;
    bool levelEnabled(TraceFacility::FacilityLevel level) const noexcept;

@@ -25,7 +25,7 @@ struct Legacies {
 };
 union Kept {
    constexpr Kept() noexcept : legacies() {}
-   ~Kept() {}
+   ~Kept() {} // NOLINT(modernize-use-equals-default): it would be a deleted one
    Legacies legacies;
 };
 constinit Kept kept;
@@ -56,7 +56,7 @@ ProcessState::ProcessState(Memory& memory) noexcept
 
 ProcessState& ProcessState::adopted() noexcept {
    alignas(Memory) static std::byte unwiped[sizeof(Memory)];
-   if (unwipedPid != 0 && unwipedPid == ::getpid()) {
+   if (present_ != nullptr && unwipedPid == ::getpid()) {
       return *present_;
    }
    void* memory = present_ != nullptr ? present_ : wipedOnFork(sizeof(Memory));
