@@ -56,7 +56,7 @@ Vel::Ptr<Vel::ChildSiginfo> ChildProcess::siginfoIs(Vel::Name name, int pid) {
    if (siginfo_) {
       siginfo_->parentIs(nullptr);
    }
-   const Vel::Ptr<Vel::ChildSiginfo> made = newSiginfo(std::move(name), pid);
+   Vel::Ptr<Vel::ChildSiginfo> made = newSiginfo(std::move(name), pid);
    siginfo_ = made;
    Vel::announceTo<&NotifieeConst::onSiginfo, NotifieeConst>(this, notifieeList_);
    return made;
@@ -67,7 +67,7 @@ Vel::Ptr<Vel::ChildSiginfo> ChildProcess::newSiginfo(Vel::Name name, int pid) {
 }
 
 Vel::Ptr<Vel::ChildSiginfo> ChildProcess::siginfoDel() {
-   const Vel::Ptr<Vel::ChildSiginfo> removed(siginfo_);
+   Vel::Ptr<Vel::ChildSiginfo> removed(siginfo_);
    if (removed) {
       siginfo_ = nullptr;
       removed->parentIs(nullptr);

@@ -86,7 +86,7 @@ void Reactor::siginfoIs(const SiginfoPtr& siginfo) {
 }
 
 Vel::Ptr<SiginfoReactor> Reactor::newSiginfo(const SiginfoPtr& siginfo) {
-   const Vel::Ptr<VelSiginfo> reactor = Vel::newEntity<VelSiginfo>(siginfo, this);
+   Vel::Ptr<VelSiginfo> reactor = Vel::newEntity<VelSiginfo>(siginfo, this);
    reactor->hasNotificationActiveIs(true);
    return reactor;
 }

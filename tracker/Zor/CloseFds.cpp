@@ -38,7 +38,7 @@ void Context::skipFdIs(int fd, bool keep) {
 }
 
 Vel::Ptr<Context::VelSkipFd> Context::newSkipFd(int fd, bool keep) {
-   const Vel::Ptr<VelSkipFd> entry = Vel::newEntity<VelSkipFd>(fd, keep);
+   Vel::Ptr<VelSkipFd> entry = Vel::newEntity<VelSkipFd>(fd, keep);
    skipFd_.newMemberG(entry, &fd);
    return entry;
 }

@@ -33,7 +33,7 @@ Vel::Ptr<ChildProcess> Sm::processIs(int pid, Vel::String8 description, int read
       return known;
    }
    const Vel::Ptr<ChildProcessTrackerSm> self(this); // the hook may drop every other handle on it
-   const Vel::Ptr<ChildProcess> child = newProcess(pid, std::move(description), readFromChildFd);
+   Vel::Ptr<ChildProcess> child = newProcess(pid, std::move(description), readFromChildFd);
    try {
       childProcessIs(child);
    } catch (...) {
@@ -58,7 +58,7 @@ Vel::Ptr<ChildProcess> Sm::newProcess(int pid, Vel::String8 description, int rea
 }
 
 Vel::Ptr<ChildProcess> Sm::processDel(int pid) {
-   const Vel::Ptr<ChildProcess> removed(process_[pid]);
+   Vel::Ptr<ChildProcess> removed(process_[pid]);
    if (removed) {
       const Vel::Ptr<ChildProcessTrackerSm> self(this); // as in childProcessDel
       process_.deleteMember(removed);
@@ -68,7 +68,7 @@ Vel::Ptr<ChildProcess> Sm::processDel(int pid) {
 }
 
 Vel::Ptr<ChildProcess> Sm::processDel(ProcessMap::Iterator& iterator) {
-   const Vel::Ptr<ChildProcess> removed(iterator.ptr());
+   Vel::Ptr<ChildProcess> removed(iterator.ptr());
    if (removed) {
       const Vel::Ptr<ChildProcessTrackerSm> self(this); // as in childProcessDel
       process_.deleteMember(removed);

@@ -42,7 +42,7 @@ Vel::Ptr<Sm::VelChildProcess> Sm::newChildProcess(const Vel::Ptr<ChildProcess co
    const Vel::Ptr<ChildProcessTrackerSm> self(this); // an end told below may drop the tracker
    const bool tracked = child && process_[child->pid()] == child.get();
    const std::uint32_t before = process_.changeStamp();
-   const Vel::Ptr<VelChildProcess> reactor = Vel::newEntity<VelChildProcess>(child, this);
+   Vel::Ptr<VelChildProcess> reactor = Vel::newEntity<VelChildProcess>(child, this);
    if (tracked && process_.changeStamp() != before && process_[child->pid()] != child.get()) {
       letGo(reactor); // its end was recorded already, and it is forgotten
       return reactor;
