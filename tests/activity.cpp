@@ -218,6 +218,20 @@ TEST_F(Activity, ANestedCallDeliversWhatWasFetchedFirstAndEachCallReturnsItsOwn)
    EXPECT_EQ(manager()->runOnce(0), 0);
 }
 
+TEST_F(Activity, ARunThatIsLeftByAnExceptionLeavesItsCountToTheOuterOne) {
+   Watched outer;
+   Watched inner;
+   inner.watcher->heard = [] { throw std::runtime_error("left"); };
+   outer.watcher->heard = [&] {
+      outer.read();
+      inner.write();
+      EXPECT_THROW(manager()->runOnce(1000), std::runtime_error);
+      inner.read();
+   };
+   outer.write();
+   EXPECT_EQ(manager()->runOnce(1000), 2);
+}
+
 TEST_F(Activity, StopEndsTheInnermostRun) {
    manager()->stop(); // of nothing, and not of the run to come
    Watched watched;

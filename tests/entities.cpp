@@ -145,6 +145,12 @@ TEST_F(Entities, StringsHoldWriteJoinAndShareAnyBytes) {
    EXPECT_EQ(text + text, String8(bytes + bytes));
    EXPECT_FALSE(text == String8("a") || text == String8(std::string_view("a\0\xff\n%e", 6)));
    EXPECT_EQ((text + null).charPtr(), text.charPtr()) << "a copy shares its characters";
+   const String8& written = Vel::Name::numbered("Child%dPipe", -7); // outlives the name
+   const Vel::Name name("Child-7Pipe");
+   EXPECT_TRUE(name == written && written == name &&
+               name == Vel::Name::numbered("Child%dPipe", -7));
+   EXPECT_TRUE("Child-7Pipe" == name && String8(name) == written && !(name == std::string()));
+
    String8 filled;
    filled.init("unlinked", 2, 4);
    EXPECT_STREQ(filled.charPtr(), "link");

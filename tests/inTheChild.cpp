@@ -233,7 +233,8 @@ void itDoesAsItLikesWithWhatItInherited(World& world) {
 void inheritedNumbersAreReused(World& world) {
    const Gate gate;
    const int set = manager()->pollFd();
-   const int sibling = world.childOf(world.startAt(gate, 0))->siginfo()->childPipe()->descriptor();
+   const auto siblingsPipe = world.childOf(world.startAt(gate, 0))->siginfo()->childPipe();
+   const int sibling = siblingsPipe->descriptor();
    expectEnd(world.childOf(world.start(
                 [&] {
                    int pipe[2];
@@ -251,6 +252,9 @@ void inheritedNumbersAreReused(World& world) {
                    char byte = 0;
                    EXPECT_EQ(::read(set, &byte, 1), 1);
                    EXPECT_EQ(byte, 'y');
+                   EXPECT_TRUE(isOpen(sibling));
+                   siblingsPipe->descriptorIs(sibling); // now it has it, if not as an inheritance
+                   EXPECT_EQ(siblingsPipe->descriptor(), sibling);
                    EXPECT_TRUE(isOpen(sibling));
                 },
                 keeping({1, 2}))),
@@ -317,12 +321,39 @@ void itExitsWithItsCopyOfEverything(World& world) {
    }
 }
 
+volatile pid_t forkedBySignal = -1;
+
+// ... while the loop waits, and both processes come back into it.
+void aSignalHandlerForks(World& world) {
+   expectHeld(apart([&] {
+      const Gate gate;
+      world.startAt(gate, 7);
+      EXPECT_EQ(manager()->runOnce(0), 0);
+      ::signal(SIGALRM, [](int) { forkedBySignal = ::fork(); });
+      ::ualarm(20'000, 0);
+      EXPECT_EQ(manager()->runOnce(100), 0);
+      if (forkedBySignal == 0) {
+         EXPECT_EQ(manager()->runOnce(200), 0); // while the sibling ends
+         Watched own;
+         own.write();
+         EXPECT_EQ(manager()->runOnce(1000), 1);
+         ::_exit(testing::Test::HasFailure());
+      }
+      gate.open();
+      EXPECT_EQ(manager()->runOnce(1000), 1);
+      int status = -1;
+      EXPECT_EQ(::waitpid(forkedBySignal, &status, 0), forkedBySignal);
+      EXPECT_EQ(status, 0);
+   }));
+}
+
 // Cases of this table once more, by the process id.
 void thereAreNoPagesThatForkWipes(World&) {
    expectHeld(apart([] {
       refuse(SYS_madvise, EINVAL);
       ::execl("/proc/self/exe", "inTheChild",
-              "--gtest_filter=*itDoesAsItLikes*:*itsSiblingsAreNot*:*inheritedNumbers*", nullptr);
+              "--gtest_filter=*itDoesAsItLikes*:*itsSiblingsAreNot*:*inheritedNumbers*:*aSignalH*",
+              nullptr);
    }));
 }
 
@@ -350,7 +381,8 @@ INSTANTIATE_TEST_SUITE_P(
              FAULT(theManagersDescriptorsAreClosed), FAULT(itDoesAsItLikesWithWhatItInherited),
              FAULT(inheritedNumbersAreReused), FAULT(itClosesWhatItInheritedBehindTheManager),
              FAULT(itsSiblingsAreNotItsChildren), FAULT(itExitsWithItsCopyOfEverything),
-             FAULT(thereAreNoPagesThatForkWipes), FAULT(childrenTrackTheirOwnToAnyDepth)}),
+             FAULT(aSignalHandlerForks), FAULT(thereAreNoPagesThatForkWipes),
+             FAULT(childrenTrackTheirOwnToAnyDepth)}),
    Faults::name);
 
 } // namespace

@@ -18,7 +18,8 @@ FileDescriptor::~FileDescriptor() { close(); }
 
 void FileDescriptor::descriptorIs(int descriptor) {
    descriptor = std::max(descriptor, -1);
-   if (descriptor == this->descriptor()) {
+   descriptor_ = this->descriptor();
+   if (descriptor == descriptor_) {
       return;
    }
    ActivityCore& core = ActivityCore::instance();

@@ -8,9 +8,12 @@
 #include <iosfwd>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace Vel {
+
+class Name;
 
 // Any bytes, counted and shared: a copy is a handle. As large as a pointer; an empty string needs
 // no memory. Handles may be copied and dropped on several threads as those of entities.
@@ -23,6 +26,7 @@ class VEL_EXPORT String8 {
    String8(const char* text); // null counts as empty
    String8(std::string_view text);
    String8(const std::string& text) : String8(std::string_view(text)) {}
+   String8(const Name& name);
    inline String8(const String8& other) noexcept;
    String8(String8&& other) noexcept : data_(other.data_) { other.data_ = nullptr; }
    inline ~String8();
@@ -126,7 +130,6 @@ class VEL_EXPORT Name {
       }
       return text_;
    }
-   operator const String8&() const { return text(); }
    operator std::string_view() const { return text(); }
    const char* charPtr() const { return text().charPtr(); }
    unsigned length() const { return text().length(); }
@@ -135,6 +138,11 @@ class VEL_EXPORT Name {
    IteratorConst end() const { return text().end(); }
 
    friend bool operator==(const Name& a, const Name& b) { return a.text() == b.text(); }
+   template <class Text>
+      requires std::is_convertible_v<const Text&, std::string_view>
+   friend bool operator==(const Name& a, const Text& b) {
+      return std::string_view(a) == std::string_view(b);
+   }
 
  private:
    void write() const;
@@ -143,6 +151,8 @@ class VEL_EXPORT Name {
    mutable const char* pattern_ = nullptr; // null: the text is there
    int number_ = 0;
 };
+
+inline String8::String8(const Name& name) : String8(name.text()) {}
 
 // Writes exactly the string's bytes, without padding or conversion.
 VEL_EXPORT std::ostream& operator<<(std::ostream& stream, const String8& text);

@@ -113,7 +113,14 @@ bool TraceHandle::levelEnabled(TraceFacility::FacilityLevel level) const noexcep
 
 TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
                                           void* storage) {
-   return handle.levelEnabled(level) ? ::new (storage) TraceHelper(handle, level) : nullptr;
+   if (!handle.levelEnabled(level)) {
+      return nullptr;
+   }
+   try {
+      return ::new (storage) TraceHelper(handle, level);
+   } catch (const std::bad_alloc&) {
+      return nullptr; // as with a sink that fails, the traced operation goes on
+   }
 }
 
 TraceHelper::TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level)

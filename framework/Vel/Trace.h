@@ -55,7 +55,7 @@ class VEL_EXPORT TraceHelper {
    TraceHelper& operator=(const TraceHelper&) = delete;
 
    // Builds a helper in the storage (of a TraceHelper's size and alignment), or returns null when
-   // the handle doesn't trace at the level.
+   // the handle doesn't trace at the level, or there is no memory for a message.
    static TraceHelper* createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
                                        void* storage);
 

@@ -56,6 +56,9 @@ ActivityCore::ActivityCore(DescriptorPlace* firstPlaces, Legacy& legacy,
                            ChildEvents& children) noexcept
    : legacy_(legacy), table_(firstPlaces, legacy.places), children_(children) {
    ++legacy.generation;
+   if (legacy.running != nullptr && legacy.running->thread != std::this_thread::get_id()) {
+      legacy.running = nullptr; // of a thread that doesn't exist in this process
+   }
    for (std::size_t number = 0; number < legacy.objects.size(); ++number) {
       if (FileDescriptor* const object = legacy.objects[number]) {
          const auto descriptor = static_cast<int>(number);
@@ -253,24 +256,35 @@ int ActivityCore::pollFd() {
 
 namespace {
 
-// A variable has another value for as long as this lives.
-template <class T> class During {
+// Where a runOnce counts its deliveries: on its stack, which a child that comes out of a handler
+// has a copy of. One that is left by an exception leaves them to the outer one.
+class Counting {
  public:
-   During(T*& variable, T* value) : variable_(variable), outer_(std::exchange(variable, value)) {}
-   During(const During&) = delete;
-   During& operator=(const During&) = delete;
-   ~During() { variable_ = outer_; }
+   explicit Counting(int*& innermost) noexcept : innermost_(innermost), outer_(innermost) {
+      begin();
+   }
+   Counting(const Counting&) = delete;
+   Counting& operator=(const Counting&) = delete;
+   ~Counting() {
+      innermost_ = outer_;
+      if (outer_ != nullptr) {
+         *outer_ += made_;
+      }
+   }
+   void begin() noexcept { innermost_ = &made_; } // again: the core may be a child's by now
+   int made() const noexcept { return made_; }
+   int taken() noexcept { return std::exchange(made_, 0); }
 
  private:
-   T*& variable_;
-   T* outer_;
+   int*& innermost_;
+   int* outer_;
+   int made_ = 0;
 };
 
 } // namespace
 
 int ActivityCore::runOnce(int timeoutMs) {
-   int made = 0;
-   const During<int> counting(made_, &made);
+   Counting counting(made_);
    const Deadline deadline(timeoutMs);
    std::int64_t left = timeoutMs;
    // Events than could be fetched at once: looked for until every descriptor has had its turn, and
@@ -278,31 +292,37 @@ int ActivityCore::runOnce(int timeoutMs) {
    bool more = false;
    auto turns = table_.end() / static_cast<std::int64_t>(fetched_.size());
    do {
-      made_ = &made; // also in a child that comes out of a handler, whose core is another one
       if (next_ == end_) {
          fetch(left);
          more = end_ == static_cast<int>(fetched_.size());
       }
+      counting.begin();
       deliverFetched();
+      counting.begin();
       if (children_.pauseMs() == 0) {
          children_.onPause();
       }
       left = deadline.leftMs();
-   } while (made == 0 && (left != 0 || (more && turns-- > 0)));
-   return made;
+   } while (counting.made() == 0 && (left != 0 || (more && turns-- > 0)));
+   return counting.taken();
 }
 
 void ActivityCore::run() {
-   bool stopped = false;
-   const During<bool> running(legacy_.stopped, &stopped);
-   while (!stopped) {
+   Legacy::Run running{std::this_thread::get_id()};
+   Legacy::Run* const outer = std::exchange(legacy_.running, &running);
+   const struct Restore {
+      Legacy::Run*& innermost;
+      Legacy::Run* outer;
+      ~Restore() { innermost = outer; }
+   } restore{legacy_.running, outer};
+   while (!running.stopped) {
       runOnce(-1);
    }
 }
 
 void ActivityCore::stop() noexcept {
-   if (legacy_.stopped != nullptr) {
-      *legacy_.stopped = true;
+   if (legacy_.running != nullptr) {
+      legacy_.running->stopped = true;
    }
 }
 
@@ -338,12 +358,19 @@ int ActivityCore::wait(std::int64_t waitMs) {
    bool replaced = false;
    for (;;) {
       const auto left = std::min<std::int64_t>(deadline.leftMs(), std::numeric_limits<int>::max());
-      const int count = ::epoll_wait(pollSet_, fetched_.data(), static_cast<int>(fetched_.size()),
+      const int set = pollSet_;
+      const int count = ::epoll_wait(set, fetched_.data(), static_cast<int>(fetched_.size()),
                                      static_cast<int>(left));
+      const int error = errno;
+      instance();
+      if (pollSet_ != set) { // a signal handler has forked, and this is the child
+         pollSet();
+         children_.onBeforeWait();
+         continue;
+      }
       if (count >= 0) {
          return count;
       }
-      const int error = errno;
       if ((error == EBADF || error == EINVAL) && !replaced) {
          // Somebody closed it, and the number may be another's by now: a fresh one, once.
          replaced = true;

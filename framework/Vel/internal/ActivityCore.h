@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <sys/epoll.h>
+#include <thread>
 #include <vector>
 
 namespace Vel {
@@ -33,9 +34,13 @@ class ActivityCore {
    struct Legacy {
       std::vector<FileDescriptor*> objects; // by descriptor; the pipes of children not among them
       DescriptorTable::Kept places;
-      int pollSetEnd = 0;      // one more than the highest number that a poll set ever had
-      bool* stopped = nullptr; // the innermost run's
+      int pollSetEnd = 0; // one more than the highest number that a poll set ever had
       std::uint32_t generation = 0;
+      struct Run {
+         std::thread::id thread;
+         bool stopped = false;
+      };
+      Run* running = nullptr; // the innermost one
    };
 
    // This process's. Whoever may have run a handler asks again before looking at it: in a child
