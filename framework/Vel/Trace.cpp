@@ -113,9 +113,11 @@ bool TraceHandle::levelEnabled(TraceFacility::FacilityLevel level) const noexcep
 
 TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
                                           void* storage) {
-   if (!handle.levelEnabled(level)) {
-      return nullptr;
-   }
+   return handle.levelEnabled(level) ? create(handle, level, storage) : nullptr;
+}
+
+TraceHelper* TraceHelper::create(TraceHandle& handle, TraceFacility::FacilityLevel level,
+                                 void* storage) {
    try {
       return ::new (storage) TraceHelper(handle, level);
    } catch (const std::bad_alloc&) {

@@ -66,6 +66,10 @@ class VEL_EXPORT TraceHelper {
  private:
    friend class EnsureTraceHelperIsDestroyed;
 
+   // Out of line: a level that is off costs the question alone.
+   [[gnu::noinline]] static TraceHelper* create(TraceHandle& handle,
+                                                TraceFacility::FacilityLevel level, void* storage);
+
    TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level);
    ~TraceHelper();
 

@@ -10,10 +10,10 @@
 namespace Vel {
 
 // In pages that come with the first element asked for in them, and stay. The first one, zeroed, is
-// there from the start; it is all that most programs need.
+// there from the start, though no memory until it is used; it is all that most programs need.
 template <class T> class Pages {
  public:
-   static constexpr std::uint32_t pageSize = 1024;
+   static constexpr std::uint32_t pageSize = 1 << 14;
 
    // Somebody else has it, and may have it longer.
    struct Kept {
