@@ -158,8 +158,10 @@ class VEL_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
 };
 
 // Calls one handler on every notifiee of the notifier, which is held for as long as that takes.
+// Flat, or a second call would stand between each member and its handler.
 template <auto handler, class Watcher>
-[[gnu::noinline]] void announceToSome(const PtrInterface* notifier, const NotifieeList& list) {
+[[gnu::noinline, gnu::flatten]] void announceToSome(const PtrInterface* notifier,
+                                                    const NotifieeList& list) {
    const Ptr<PtrInterface const> self(notifier); // a handler may drop every other handle on it
    list.doVisit(
       [](PtrInterface::NotifieeConst* notifiee) { (static_cast<Watcher*>(notifiee)->*handler)(); });
