@@ -1,5 +1,5 @@
-// Cases by table: what the world does to a program, each one in a process of its own, and each one
-// twice, with pidfds and with pidfds refused by the kernel.
+// What the world does to a program: cases that run in a process of their own each, and twice, with
+// pidfds and with pidfds refused by the kernel.
 #pragma once
 
 #include "TrackerFixture.h"
@@ -10,6 +10,11 @@ struct Fault {
    const char* name;
    void (*happens)(World& world);
 };
+
+inline std::vector<Fault>& faults() {
+   static std::vector<Fault> all;
+   return all;
+}
 
 inline bool pidfdsRefused = false; // in this case
 
@@ -38,13 +43,15 @@ TEST_P(Faults, AreSurvived) {
    EXPECT_EQ(outcome, 0);
 }
 
-// A table's row, and its rows as the cases of both ways.
-#define FAULT(name)                                                                                \
-   Fault { #name, name }
+INSTANTIATE_TEST_SUITE_P(All, Faults,
+                         testing::Combine(testing::ValuesIn(faults()), testing::Bool()),
+                         Faults::name);
 
-inline auto bothWays(const std::vector<Fault>& faults) {
-   return testing::Combine(testing::ValuesIn(faults), testing::Bool());
-}
+// Defines a case, a function of a World&, and adds it to those of the program.
+#define FAULT(name, ...)                                                                           \
+   void name(__VA_ARGS__);                                                                         \
+   const bool name##Added = (faults().push_back({#name, name}), true);                             \
+   void name(__VA_ARGS__)
 
 // What a part of a case came to that ran in a process of its own.
 inline void expectHeld(int outcome) {

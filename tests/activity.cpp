@@ -9,7 +9,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/timerfd.h>
 
 namespace {
 

@@ -107,32 +107,6 @@ TEST_F(Collections, AnEntryWhoseKeyChangedInTheMapIsStillFoundToBeRemoved) {
    }
 }
 
-TEST_F(Collections, AnIterationGoesOnBehindAnEntryWhoseKeyItChanges) {
-   MapModel both(100); // with room for one more: growing would move them under their new keys
-   std::set<int> met;
-   for (Step it(&both.map); it; ++it) {
-      EXPECT_TRUE(met.insert(it->number).second);
-      it->key += 10000;
-      both.insert(-1);
-      both.remove(-1);
-   }
-   EXPECT_EQ(met.size(), 100U);
-}
-
-TEST_F(Collections, MapsOfATypeShareATableThatComparesKeys) {
-   const MapModel both(3), another;
-   const auto& table = *both.map.table_;
-   Entry* const entries[] = {both.map[0], both.map[1], both.map[2]};
-   const int one = 1;
-   EXPECT_EQ(&table, another.map.table_);
-   for (const int key : {0, 1, 2}) {
-      EXPECT_EQ(table.keyEquals(&one, entries[key]), key == 1);
-      EXPECT_EQ(table.keyLessThan(&one, entries[key], nullptr), key > 1);
-      EXPECT_EQ(table.keyLessThan(nullptr, entries[key], entries[1]), key > 1);
-      EXPECT_TRUE(table.keyLessThan(nullptr, entries[key], nullptr));
-   }
-}
-
 TEST_F(Collections, NoNumberOfEntriesInOneChainEndsThemRecursively) {
    MapModel both;
    for (unsigned number = 100'000; number-- > 0;) { // few chains, each one to the head of its own

@@ -1,7 +1,5 @@
-// What handlers, hooks and callers by name may do, and what comes of it when they fail.
+// What handlers and hooks may do, and what comes of it when they fail.
 #include "Faults.h"
-
-#include <Vel/GenericIf.h>
 
 #include <stdexcept>
 
@@ -13,7 +11,7 @@ using Vel::Ptr;
 
 // ---- the tracker and what it holds go while they are at work ----
 
-void theTrackerIsDroppedInAnyCallOfItsOwn(World& world) {
+FAULT(theTrackerIsDroppedInAnyCallOfItsOwn, World& world) {
    for (const std::string call : {"processIs", "childProcessIs", "lastFailed", "error", "errors",
                                   "hook", "processDel", "childProcessDel"}) {
       SCOPED_TRACE(call);
@@ -57,7 +55,7 @@ void theTrackerIsDroppedInAnyCallOfItsOwn(World& world) {
 
 // The reactors are told something while an end that nobody has removed is still there to be told:
 // its hook drops whatever else would hold them.
-void reactorsAreDroppedByTheEndThatTheyTell(World& world) {
+FAULT(reactorsAreDroppedByTheEndThatTheyTell, World& world) {
    const auto other = Vel::newEntity<Siginfo>("other", 7);
    const auto twin = Vel::newEntity<Zor::ChildProcess>(7, "twin", world.readEnd());
    const std::function<void(Reactor*)> acts[] = {
@@ -76,7 +74,7 @@ void reactorsAreDroppedByTheEndThatTheyTell(World& world) {
    }
 }
 
-void reactorsAreWithoutTrackerOrChild(World& world) {
+FAULT(reactorsAreWithoutTrackerOrChild, World& world) {
    Calls calls;
    const auto child = world.record(7);
    const auto lonely = world.record(8);
@@ -105,7 +103,7 @@ void reactorsAreWithoutTrackerOrChild(World& world) {
 
 // ---- hooks ----
 
-void theHookChangesTheRegistry(World& world) {
+FAULT(theHookChangesTheRegistry, World& world) {
    RudeTracker* tracker = nullptr;
    const std::pair<std::function<void(const Child&)>, std::set<int>> rows[] = {
       {[&](const Child& child) { tracker->processDel(child->pid()); }, {1, 2, 4, 5}},
@@ -133,7 +131,7 @@ void theHookChangesTheRegistry(World& world) {
    EXPECT_EQ(tracker->outcomes(), 101U);
 }
 
-void theHookForksAndRunsTheLoopAndTheCountWraps(World& world) {
+FAULT(theHookForksAndRunsTheLoopAndTheCountWraps, World& world) {
    unsigned generations = 0;
    world.tracker->successfulTerminationCountIs(~0U);
    world.tracker->hook = [&](const Child&) {
@@ -149,7 +147,7 @@ void theHookForksAndRunsTheLoopAndTheCountWraps(World& world) {
 }
 
 // The parent's fetched ends are not the child's, nor are its siblings, by pidfd or by asking.
-void aChildComesOutOfTheHookThatForkedIt(World& world) {
+FAULT(aChildComesOutOfTheHookThatForkedIt, World& world) {
    const Shared<int> toldInChild;
    const pid_t self = ::getpid();
    const Gate gate;
@@ -178,7 +176,7 @@ void aChildComesOutOfTheHookThatForkedIt(World& world) {
 
 // ---- ends that are told at odd moments ----
 
-void theEndIsRecordedBeforeTheReactorExists(World& world) {
+FAULT(theEndIsRecordedBeforeTheReactorExists, World& world) {
    world.tracker->called = [&](const std::string& call) {
       if (call == "childProcessIs") {
          endIs(*world.tracker->process().begin(), Siginfo::exited, 3);
@@ -211,7 +209,7 @@ class Listener : public Siginfo::NotifieeConst {
    }
 };
 
-void earlierHandlersThrow(World& world) {
+FAULT(earlierHandlersThrow, World& world) {
    for (const int value : {5, -SIGTERM, 0}) {
       const Child child = world.childOf(world.start([value] { endWith(value); }));
       const auto listener = Vel::newEntity<Listener>();
@@ -226,33 +224,9 @@ void earlierHandlersThrow(World& world) {
    }
 }
 
-// ---- callers by name ----
-
-void numbersAreNobodysOrNotAboutAnEnd(World& world) {
-   const auto byName = Vel::GenericIf::of(world.tracker);
-   const Child child = world.record(7);
-   for (const auto code : {Siginfo::none, Siginfo::SignalCode{1}, Siginfo::SignalCode{5}}) {
-      child->siginfo()->signalCodeIs(code);
-   }
-   Calls calls;
-   world.trace(calls);
-   const std::string site = "ChildProcessTracker 8 ChildProcessTracker:111 "
-                            "handleTerminatedChildProcess void Zor::ChildProcessTrackerSm::"
-                            "handleTerminatedChildProcess(S32) ";
-   for (const int pid : {0, -1, -4, 1, ::getpid(), std::numeric_limits<int>::min()}) {
-      byName->call("handleTerminatedChildProcess", pid);
-      EXPECT_EQ(calls.back(), site + std::to_string(pid) + " is not tracked");
-      EXPECT_THROW(byName->write("process", pid, "nobody", -1), Vel::SystemException);
-   }
-   byName->call("handleTerminatedChildProcess", 7);
-   EXPECT_EQ(calls.back(), site + "7 'worker' signalCode=5");
-   EXPECT_EQ(world.tracker->outcomes() + world.tracker->told, 0U);
-   EXPECT_EQ(world.tracker->left(), 1U);
-}
-
 // ---- what is missing ----
 
-void thereIsNoMemoryForANotifiee(World&) {
+FAULT(thereIsNoMemoryForANotifiee, World&) {
    struct Quiet final : Siginfo::NotifieeConst {};
    const auto siginfo = Vel::newEntity<Siginfo>("siginfo", 1);
    const auto first = Vel::newEntity<Quiet>();
@@ -272,7 +246,7 @@ void thereIsNoMemoryForANotifiee(World&) {
    EXPECT_TRUE(second->isRegisteredNotifiee());
 }
 
-void traceOutputFails(World& world) {
+FAULT(traceOutputFails, World& world) {
    const int standardError = ::dup(2);
    for (const char* to : {"/dev/full", "/dev/null"}) { // the second can't even be written to
       const int sink = ::open(to, std::string(to) == "/dev/full" ? O_WRONLY : O_RDONLY);
@@ -297,16 +271,5 @@ void traceOutputFails(World& world) {
    Vel::TraceFacility::sinkIs({});
    EXPECT_EQ(world.tracker->outcomes(), 10U);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-   Handlers, Faults,
-   bothWays({FAULT(theTrackerIsDroppedInAnyCallOfItsOwn),
-             FAULT(reactorsAreDroppedByTheEndThatTheyTell), FAULT(reactorsAreWithoutTrackerOrChild),
-             FAULT(theHookChangesTheRegistry), FAULT(theHookForksAndRunsTheLoopAndTheCountWraps),
-             FAULT(aChildComesOutOfTheHookThatForkedIt),
-             FAULT(theEndIsRecordedBeforeTheReactorExists), FAULT(earlierHandlersThrow),
-             FAULT(numbersAreNobodysOrNotAboutAnEnd), FAULT(thereIsNoMemoryForANotifiee),
-             FAULT(traceOutputFails)}),
-   Faults::name);
 
 } // namespace

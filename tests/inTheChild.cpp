@@ -57,7 +57,7 @@ void hideProc(void* = nullptr) {
 
 // ---- what it keeps ----
 
-void theContextSaysWhatIsKept(World& world) {
+FAULT(theContextSaysWhatIsKept, World& world) {
    const NextPipe next;
    auto everything = openDescriptors();
    everything.insert({next.read, next.write});
@@ -80,7 +80,7 @@ void theContextSaysWhatIsKept(World& world) {
 
 // With the listing, without room for it, without /proc, without entries in it, with a lowered
 // limit, and by number alone; few descriptors and very many.
-void thereIsNoListing(World& world) {
+FAULT(thereIsNoListing, World& world) {
    const auto emptyListing = [](void*) {
       hideProc();
       if (::mkdir("/proc/self", 0700) + ::mkdir("/proc/self/fd", 0700) != 0) {
@@ -118,7 +118,7 @@ void thereIsNoListing(World& world) {
    }));
 }
 
-void closingFails(World& world) {
+FAULT(closingFails, World& world) {
    for (const int error : {EINTR, EIO}) {
       static int says;
       says = error;
@@ -127,7 +127,7 @@ void closingFails(World& world) {
    }
 }
 
-void theManagersDescriptorsAreClosed(World& world) {
+FAULT(theManagersDescriptorsAreClosed, World& world) {
    EXPECT_THROW(Zor::childProcessTrackerCloseFds(nullptr), Vel::RangeException);
    for (void (*way)(void*) : {static_cast<void (*)(void*)>(nullptr), &hideProc}) {
       expectHeld(apart([&] {
@@ -174,7 +174,7 @@ void expectAllHear(All& all) {
    EXPECT_EQ(manager()->runOnce(1000), 64);
 }
 
-void itDoesAsItLikesWithWhatItInherited(World& world) {
+FAULT(itDoesAsItLikesWithWhatItInherited, World& world) {
    const std::function<void(All&)> misdeeds[] = {
       [](All&) { Zor::childProcessTrackerCloseFds(Vel::newEntity<Context>()); },
       [](All& all) { all.clear(); },
@@ -230,7 +230,7 @@ void itDoesAsItLikesWithWhatItInherited(World& world) {
 
 // The numbers of the inherited poll set and of a sibling's pipe are something else's after the
 // closing walk.
-void inheritedNumbersAreReused(World& world) {
+FAULT(inheritedNumbersAreReused, World& world) {
    const Gate gate;
    const int set = manager()->pollFd();
    const auto siblingsPipe = world.childOf(world.startAt(gate, 0))->siginfo()->childPipe();
@@ -264,7 +264,7 @@ void inheritedNumbersAreReused(World& world) {
 }
 
 // The numbers of its parent's pidfds and pipes come again, for those of its own children.
-void itClosesWhatItInheritedBehindTheManager(World& world) {
+FAULT(itClosesWhatItInheritedBehindTheManager, World& world) {
    const Gate gate;
    for (int sibling = 0; sibling < 5; ++sibling) {
       world.startAt(gate, 0);
@@ -281,7 +281,7 @@ void itClosesWhatItInheritedBehindTheManager(World& world) {
    EXPECT_EQ(world.tracker->outcomes(), 600U);
 }
 
-void itsSiblingsAreNotItsChildren(World& world) {
+FAULT(itsSiblingsAreNotItsChildren, World& world) {
    const auto body = [&world](int above) {
       descriptorLimitIs(20000);
       while (::dup(1) < above) { // what is of the sibling has higher numbers
@@ -310,7 +310,7 @@ void itsSiblingsAreNotItsChildren(World& world) {
 }
 
 // What the library has to say doesn't wait in a buffer that the child has a copy of.
-void itExitsWithItsCopyOfEverything(World& world) {
+FAULT(itExitsWithItsCopyOfEverything, World& world) {
    int lines[2];
    EXPECT_EQ(::pipe2(lines, O_NONBLOCK), 0);
    const int standardError = ::dup(2);
@@ -331,7 +331,7 @@ void itExitsWithItsCopyOfEverything(World& world) {
 volatile pid_t forkedBySignal = -1;
 
 // ... while the loop waits, and both processes come back into it.
-void aSignalHandlerForks(World& world) {
+FAULT(aSignalHandlerForks, World& world) {
    expectHeld(apart([&] {
       const Gate gate;
       world.startAt(gate, 7);
@@ -355,7 +355,7 @@ void aSignalHandlerForks(World& world) {
 }
 
 // Cases of this table once more, by the process id.
-void thereAreNoPagesThatForkWipes(World&) {
+FAULT(thereAreNoPagesThatForkWipes, World&) {
    expectHeld(apart([] {
       refuse(SYS_madvise, EINVAL);
       ::execl("/proc/self/exe", "inTheChild",
@@ -364,7 +364,7 @@ void thereAreNoPagesThatForkWipes(World&) {
    }));
 }
 
-void childrenTrackTheirOwnToAnyDepth(World& world) {
+FAULT(childrenTrackTheirOwnToAnyDepth, World& world) {
    const Shared<int> deepest;
    std::function<void(int)> descend = [&](int depth) {
       *deepest = std::max(*deepest, depth);
@@ -381,15 +381,5 @@ void childrenTrackTheirOwnToAnyDepth(World& world) {
    descend(0);
    EXPECT_EQ(*deepest, 3);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-   InTheChild, Faults,
-   bothWays({FAULT(theContextSaysWhatIsKept), FAULT(thereIsNoListing), FAULT(closingFails),
-             FAULT(theManagersDescriptorsAreClosed), FAULT(itDoesAsItLikesWithWhatItInherited),
-             FAULT(inheritedNumbersAreReused), FAULT(itClosesWhatItInheritedBehindTheManager),
-             FAULT(itsSiblingsAreNotItsChildren), FAULT(itExitsWithItsCopyOfEverything),
-             FAULT(aSignalHandlerForks), FAULT(thereAreNoPagesThatForkWipes),
-             FAULT(childrenTrackTheirOwnToAnyDepth)}),
-   Faults::name);
 
 } // namespace

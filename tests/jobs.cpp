@@ -1,6 +1,4 @@
 // The jobs program, as its users meet it: run by a shell, or on a terminal.
-#include "../examples/jobs/StartState.cpp" // NOLINT(bugprone-suspicious-include): see below
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -164,27 +162,6 @@ TEST_F(Jobs, SignalsAreAsTheProgramWasStartedWith) {
           {ignored, "SigIgn:\t[0-9a-f]{12}1800\n.*=0",
            "env --ignore-signal=PIPE --ignore-signal=USR2 ./jobs list"},
           {ignored, "1 succeeded.*=0", "env --ignore-signal=CHLD ./jobs list"}});
-}
-
-bool blocked(int signal) {
-   sigset_t mask;
-   ::sigprocmask(SIG_SETMASK, nullptr, &mask);
-   return ::sigismember(&mask, signal) == 1;
-}
-
-// Some shells clear the mask they are started with, so that no command can show it.
-TEST(JobsDeathTest, TheMaskIsRestored) {
-   const auto body = [] {
-      sigset_t start;
-      ::sigemptyset(&start);
-      ::sigaddset(&start, SIGUSR1);
-      ::sigprocmask(SIG_SETMASK, &start, nullptr);
-      const jobs::StartState state(false);
-      const bool taken = blocked(SIGINT) && blocked(SIGTERM) && blocked(SIGUSR1);
-      state.restore();
-      ::_exit(taken && !blocked(SIGINT) && !blocked(SIGTERM) && blocked(SIGUSR1) ? 0 : 1);
-   };
-   EXPECT_EXIT(body(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Jobs, OutputThatGoesNowhereIsAFailure) {

@@ -19,7 +19,7 @@ void otherUserWithoutProcesses() {
    }
 }
 
-void noPipeOrNoProcess(World& world) {
+FAULT(noPipeOrNoProcess, World& world) {
    const std::pair<void (*)(), int> rows[] = {
       {[] { descriptorLimitIs(static_cast<rlim_t>(NextPipe().read)); }, EMFILE},
       {[] { descriptorLimitIs(static_cast<rlim_t>(NextPipe().read) + 1); }, EMFILE},
@@ -44,7 +44,7 @@ void noPipeOrNoProcess(World& world) {
 
 // ---- registering ----
 
-void registrationThrows(World& world) {
+FAULT(registrationThrows, World& world) {
    const auto open = openDescriptors();
    const char* throwing = "childProcessIs";
    world.tracker->called = [&](const std::string& call) {
@@ -66,7 +66,7 @@ void registrationThrows(World& world) {
 
 // The poll set has no room for the pipe, for the pidfd (which gets the number of the write end),
 // for either.
-void pollSetIsFull(World& world) {
+FAULT(pollSetIsFull, World& world) {
    for (const bool pipeToo : {false, true}) {
       for (const bool pidfdToo : {false, true}) {
          expectHeld(apart([&] {
@@ -91,7 +91,7 @@ void pollSetIsFull(World& world) {
 }
 
 // A lasting refusal is found out once, one for want of something concerns its child alone.
-void pidfdsAreRefused(World& world) {
+FAULT(pidfdsAreRefused, World& world) {
    const std::pair<int, bool> rows[] = {{ENOSYS, true}, {EPERM, true},   {EACCES, true},
                                         {ESRCH, false}, {ENOMEM, false}, {EMFILE, false}};
    for (const auto& row : rows) {
@@ -124,7 +124,7 @@ void pidfdsAreRefused(World& world) {
    }
 }
 
-void theChildHasEndedBefore(World& world) {
+FAULT(theChildHasEndedBefore, World& world) {
    world.tracker->called = [](const std::string& call) {
       if (call == "processIs") {
          siginfo_t info;
@@ -174,7 +174,7 @@ void nextNumberIs(int number) {
    }
 }
 
-void aStaleRecordHasTheNumber(World& world) {
+FAULT(aStaleRecordHasTheNumber, World& world) {
    inOwnNumbers([&] {
       const auto startAs = [&](int number, const char* name) {
          nextNumberIs(number);
@@ -226,7 +226,7 @@ void aStaleRecordHasTheNumber(World& world) {
 }
 
 // Other code reaps a child, unseen since its pipe is held, and another one gets its number.
-void theNumberOfAReapedChildComesAgain(World& world) {
+FAULT(theNumberOfAReapedChildComesAgain, World& world) {
    inOwnNumbers([&] {
       const Gate gate;
       nextNumberIs(20);
@@ -254,7 +254,7 @@ void theNumberOfAReapedChildComesAgain(World& world) {
 
 // ---- odd circumstances ----
 
-void standardDescriptorsAreClosed(World& world) {
+FAULT(standardDescriptorsAreClosed, World& world) {
    expectHeld(apart([&] {
       for (const int standard : {0, 1, 2}) { // the pipe gets 0 and 1
          ::close(standard);
@@ -274,7 +274,7 @@ struct Grouping : std::numpunct<char> {
    std::string do_grouping() const override { return "\1"; }
 };
 
-void namesAndLocalesAreOdd(World& world) {
+FAULT(namesAndLocalesAreOdd, World& world) {
    const char* const forked = "ChildProcessTracker 8 ChildProcessTracker:63 forkChild virtual S32 "
                               "Zor::ChildProcessTrackerSm::forkChild(Vel::String, void (* const&)"
                               "(Zor::ChildProcessInitCallbackContext), void* const&, const Ptr&) ";
@@ -297,7 +297,7 @@ void namesAndLocalesAreOdd(World& world) {
    std::locale::global(std::locale::classic());
 }
 
-void threadsAreBusy(World& world) {
+FAULT(threadsAreBusy, World& world) {
    std::atomic<bool> over = false;
    Vel::VFPtrInterface::enableThreadSafePointers = true;
    const auto shared = Vel::newEntity<Context>();
@@ -322,7 +322,7 @@ void threadsAreBusy(World& world) {
    EXPECT_EQ(world.tracker->outcomes(), 100U * 100U);
 }
 
-void theInitCallbackMisbehaves(World& world) {
+FAULT(theInitCallbackMisbehaves, World& world) {
    const std::pair<void (*)(void*), int> rows[] = {
       {[](void* arg) { ::_exit(*static_cast<int*>(arg)); }, 6},
       {[](void*) { throw std::runtime_error("in the child"); }, 98},
@@ -342,7 +342,7 @@ void theInitCallbackMisbehaves(World& world) {
 
 // The end of the child closes the read end while it is being registered, and the hook is given the
 // number for a descriptor of its own.
-void theHookGetsTheNumberOfTheReadEnd(World& world) {
+FAULT(theHookGetsTheNumberOfTheReadEnd, World& world) {
    int own = -1;
    world.tracker->hook = [&](const Child&) {
       own = ::dup(1);
@@ -364,7 +364,7 @@ void theHookGetsTheNumberOfTheReadEnd(World& world) {
 
 // An object that doesn't know that its number was closed, and then became the pidfd's or the
 // timer's.
-void aStaleOwnerHasTheNumber(World& world) {
+FAULT(aStaleOwnerHasTheNumber, World& world) {
    const int lower = ::dup(0);
    const int number = ::dup(0);
    const auto stale = Vel::newEntity<Vel::FileDescriptor>("stale");
@@ -374,15 +374,5 @@ void aStaleOwnerHasTheNumber(World& world) {
    expectEnd(world.childOf(world.start([] { ::_exit(3); })), Siginfo::exited, 3);
    EXPECT_EQ(stale->descriptor(), -1);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-   Starting, Faults,
-   bothWays({FAULT(noPipeOrNoProcess), FAULT(registrationThrows), FAULT(pollSetIsFull),
-             FAULT(pidfdsAreRefused), FAULT(theChildHasEndedBefore),
-             FAULT(aStaleRecordHasTheNumber), FAULT(theNumberOfAReapedChildComesAgain),
-             FAULT(standardDescriptorsAreClosed), FAULT(namesAndLocalesAreOdd),
-             FAULT(threadsAreBusy), FAULT(theInitCallbackMisbehaves),
-             FAULT(theHookGetsTheNumberOfTheReadEnd), FAULT(aStaleOwnerHasTheNumber)}),
-   Faults::name);
 
 } // namespace

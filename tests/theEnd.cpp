@@ -19,7 +19,7 @@ using Vel::Ptr;
 
 // ---- how it ended ----
 
-void everyWayAndAllAtOnce(World& world) {
+FAULT(everyWayAndAllAtOnce, World& world) {
    const std::set<int> harmless{SIGCHLD, SIGCONT, SIGURG,  SIGWINCH,
                                 SIGSTOP, SIGTSTP, SIGTTIN, SIGTTOU};
    const rlimit noCore{0, 1 << 20};
@@ -59,7 +59,7 @@ void everyWayAndAllAtOnce(World& world) {
 }
 
 // As many as descriptors allow, with pipes that end early, and idle for a while.
-void asManyAsThereIsRoomFor(World& world) {
+FAULT(asManyAsThereIsRoomFor, World& world) {
    descriptorLimitIs(512);
    const Gate gate;
    int started = 0;
@@ -90,7 +90,7 @@ void asManyAsThereIsRoomFor(World& world) {
 
 // It closes its pipe (0) or writes that much, is stopped, and goes on; the pipe doesn't block, or
 // does since the child has made it so, by its copy of the read end.
-void itClosesOrFillsItsPipeAndIsStopped(World& world) {
+FAULT(itClosesOrFillsItsPipeAndIsStopped, World& world) {
    for (const std::size_t size : {0U, 1U, 16U << 10, 64U << 10, 1U << 20}) {
       for (const bool blocking : {false, true}) {
          const Gate gate;
@@ -128,7 +128,7 @@ void itClosesOrFillsItsPipeAndIsStopped(World& world) {
 }
 
 // More pipes than are fetched at once always have something to drop.
-void pipesNeverRunDry(World& world) {
+FAULT(pipesNeverRunDry, World& world) {
    for (int number = 5000000; number < 5000080; ++number) {
       world.tracker->processIs(number, "endless", ::eventfd(1U << 30, EFD_SEMAPHORE));
    }
@@ -137,7 +137,7 @@ void pipesNeverRunDry(World& world) {
 }
 
 // The pipe ends with the child or a moment before; a signal comes in every half millisecond.
-void theEndComesInASignalStormAndCostsFewWakeups(World& world) {
+FAULT(theEndComesInASignalStormAndCostsFewWakeups, World& world) {
    ::signal(SIGALRM, [](int) {});
    const itimerval storm{{0, 500}, {0, 500}}, none{};
    ::setitimer(ITIMER_REAL, &storm, nullptr);
@@ -149,7 +149,7 @@ void theEndComesInASignalStormAndCostsFewWakeups(World& world) {
    ::setitimer(ITIMER_REAL, &none, nullptr);
 }
 
-void aGrandchildHoldsThePipe(World& world) {
+FAULT(aGrandchildHoldsThePipe, World& world) {
    const Gate gate;
    const Child child = world.childOf(world.start([&] {
       if (::fork() == 0) {
@@ -166,7 +166,7 @@ void aGrandchildHoldsThePipe(World& world) {
 
 // ---- who else waits ----
 
-void aTracerHoldsIt(World& world) {
+FAULT(aTracerHoldsIt, World& world) {
    const Gate gate;
    const Gate holding;
    const Gate seized;
@@ -205,7 +205,7 @@ bool kernelRemembers() {
 }
 
 // A thief, SIGCHLD ignored, SA_NOCLDWAIT: recovered or lost, but never invented.
-void otherCodeTookTheStatus(World& world) {
+FAULT(otherCodeTookTheStatus, World& world) {
    const bool recovers = kernelRemembers();
    for (const auto& taker : {std::pair(SIG_DFL, 0), {SIG_IGN, 0}, {SIG_DFL, SA_NOCLDWAIT}}) {
       struct sigaction action {};
@@ -236,7 +236,7 @@ void otherCodeTookTheStatus(World& world) {
 }
 
 // Between its end and the pidfd that is opened anew other code has waited.
-void otherCodeTookItWhileThePidfdWasGone(World& world) {
+FAULT(otherCodeTookItWhileThePidfdWasGone, World& world) {
    const Child child = world.childOf(world.start([] {}));
    ::waitpid(child->pid(), nullptr, 0);
    const auto others = openDescriptors();
@@ -251,7 +251,7 @@ void otherCodeTookItWhileThePidfdWasGone(World& world) {
 // ---- what the kernel lacks ----
 
 // It keeps no record of the reaped, can't wait by pidfd, can't signal by it.
-void theKernelIsOlder(World& world) {
+FAULT(theKernelIsOlder, World& world) {
    expectHeld(apart([&] {
       refuse(SYS_ioctl, ENOTTY);
       const Child child = world.childOf(world.start([] {}));
@@ -272,7 +272,7 @@ void theKernelIsOlder(World& world) {
 }
 
 // The loop's own waits are the pauses then, also while it has other things to deliver.
-void thereIsNoTimer(World& world) {
+FAULT(thereIsNoTimer, World& world) {
    refuse(SYS_timerfd_create, EMFILE);
    const Watched busy;
    busy.write();
@@ -296,7 +296,7 @@ void thereIsNoTimer(World& world) {
 
 // The forgotten are reaped; those from outside, once forgotten, and unknown ones, an orphan given
 // to this process among them, are left to whoever forked them.
-void itIsForgottenOrUnknown(World& world) {
+FAULT(itIsForgottenOrUnknown, World& world) {
    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
    const std::function<void(int)> forgettings[] = {
       [&](int pid) { world.tracker->processDel(pid); },
@@ -338,7 +338,7 @@ void itIsForgottenOrUnknown(World& world) {
    EXPECT_EQ(world.tracker->outcomes(), 100U);
 }
 
-void itIsAStranger(World& world) {
+FAULT(itIsAStranger, World& world) {
    const int file = ::open("/proc/self/exe", O_RDONLY);
    for (const int pid : {::getpid(), ::getppid(), 1, 0, -1, std::numeric_limits<int>::min(),
                          std::numeric_limits<int>::max()}) {
@@ -361,7 +361,7 @@ void itIsAStranger(World& world) {
 }
 
 // Neither is anybody's: a pipe of that number, and a record that nothing watches yet.
-void itsDescriptorsAreOdd(World& world) {
+FAULT(itsDescriptorsAreOdd, World& world) {
    const int pid = outside([] { ::_exit(3); });
    expectEnd(world.tracker->processIs(pid, "outside", std::numeric_limits<int>::max()),
              Siginfo::exited, 3);
@@ -388,7 +388,7 @@ void itsDescriptorsAreOdd(World& world) {
    EXPECT_FALSE(reactor->isRegisteredNotifiee());
 }
 
-void itHasNoPipe(World&) {
+FAULT(itHasNoPipe, World&) {
    const int pid = outside([] { ::_exit(3); });
    const auto siginfo = Vel::newEntity<Siginfo>("pipeless", pid);
    siginfo->childPipeReactorIs(nullptr, siginfo);
@@ -396,7 +396,7 @@ void itHasNoPipe(World&) {
    EXPECT_EQ(siginfo->exitStatus(), 3);
 }
 
-void theClosingWalkTakesItsDescriptors(World& world) {
+FAULT(theClosingWalkTakesItsDescriptors, World& world) {
    enum { all, allButThePipe, pollSetAlone };
    for (const int taken : {all, allButThePipe, pollSetAlone}) {
       const Gate gate;
@@ -418,7 +418,7 @@ void theClosingWalkTakesItsDescriptors(World& world) {
 
 // ---- hooks that throw ----
 
-void twentyHooksThrowAndEachIsHeardOf(World& world) {
+FAULT(twentyHooksThrowAndEachIsHeardOf, World& world) {
    for (const bool pipeHeld : {false, true}) {
       const Gate gate;
       world.tracker = Zor::newTracker<RudeTracker>();
@@ -447,17 +447,5 @@ void twentyHooksThrowAndEachIsHeardOf(World& world) {
       gate.open(20);
    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-   TheEnd, Faults,
-   bothWays({FAULT(everyWayAndAllAtOnce), FAULT(asManyAsThereIsRoomFor),
-             FAULT(itClosesOrFillsItsPipeAndIsStopped),
-             FAULT(theEndComesInASignalStormAndCostsFewWakeups), FAULT(pipesNeverRunDry),
-             FAULT(aGrandchildHoldsThePipe), FAULT(aTracerHoldsIt), FAULT(otherCodeTookTheStatus),
-             FAULT(otherCodeTookItWhileThePidfdWasGone), FAULT(theKernelIsOlder),
-             FAULT(thereIsNoTimer), FAULT(itIsForgottenOrUnknown), FAULT(itIsAStranger),
-             FAULT(itsDescriptorsAreOdd), FAULT(itHasNoPipe),
-             FAULT(theClosingWalkTakesItsDescriptors), FAULT(twentyHooksThrowAndEachIsHeardOf)}),
-   Faults::name);
 
 } // namespace
