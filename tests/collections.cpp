@@ -107,6 +107,17 @@ TEST_F(Collections, AnEntryWhoseKeyChangedInTheMapIsStillFoundToBeRemoved) {
    }
 }
 
+TEST_F(Collections, TheTableOfAMapComparesKeys) {
+   const MapModel both(3);
+   const int one = 1;
+   for (const int key : {0, 1, 2}) {
+      EXPECT_EQ(both.map.table_->keyEquals(&one, both.map[key]), key == 1);
+      EXPECT_EQ(both.map.table_->keyLessThan(&one, both.map[key], nullptr), key > 1);
+      EXPECT_EQ(both.map.table_->keyLessThan(nullptr, both.map[key], both.map[1]), key > 1);
+      EXPECT_TRUE(both.map.table_->keyLessThan(nullptr, both.map[key], nullptr));
+   }
+}
+
 TEST_F(Collections, NoNumberOfEntriesInOneChainEndsThemRecursively) {
    MapModel both;
    for (unsigned number = 100'000; number-- > 0;) { // few chains, each one to the head of its own

@@ -270,6 +270,14 @@ void GenericOperations::check(const VelType& type, Vel::PtrInterface* object, un
    }
 }
 
+TEST_F(GenericOperations, OnlyCollectionsAreIterated) {
+   const Vel::AttributeIteratorVTable* table = nullptr;
+   for (const Handle& on : {sm, contextIf}) {
+      void* const object = const_cast<Vel::PtrInterface*>(on->entity().get());
+      EXPECT_EQ(on->type().attributeIterator(object, childType->attrs + 2, &table), nullptr);
+   }
+}
+
 TEST_F(GenericOperations, DoesOnEachAttributeWhatItsTypeSays) {
    for (unsigned n = 0; n < 3 * 16 * 10 * 2; ++n) {
       const unsigned id = 0x80 + n % 16;
