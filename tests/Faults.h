@@ -11,11 +11,7 @@ struct Fault {
    void (*happens)(World& world);
 };
 
-inline std::vector<Fault>& faults() {
-   static std::vector<Fault> all;
-   return all;
-}
-
+inline std::vector<Fault> faults;
 inline bool pidfdsRefused = false; // in this case
 
 class Faults : public testing::TestWithParam<std::tuple<Fault, bool>> {
@@ -43,14 +39,13 @@ TEST_P(Faults, AreSurvived) {
    EXPECT_EQ(outcome, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Faults,
-                         testing::Combine(testing::ValuesIn(faults()), testing::Bool()),
+INSTANTIATE_TEST_SUITE_P(All, Faults, testing::Combine(testing::ValuesIn(faults), testing::Bool()),
                          Faults::name);
 
 // Defines a case, a function of a World&, and adds it to those of the program.
 #define FAULT(name, ...)                                                                           \
    void name(__VA_ARGS__);                                                                         \
-   const bool name##Added = (faults().push_back({#name, name}), true);                             \
+   const bool name##Added = (faults.push_back({#name, name}), true);                               \
    void name(__VA_ARGS__)
 
 // What a part of a case came to that ran in a process of its own.

@@ -13,7 +13,6 @@
 namespace {
 
 using testing::ElementsAre;
-using Vel::Ptr;
 
 using Activity = TrackerTest;
 
@@ -122,6 +121,8 @@ TEST_F(Activity, ANumberHasOneOwnerWhoClosesItUnlessToldToForget) {
    second.fd->nonBlockingIs(true);
    second.fd->descriptorIs(ends[0]);
    EXPECT_NE(::fcntl(ends[0], F_GETFL) & O_NONBLOCK, 0) << "on for those to come";
+   second.fd->nonBlockingIs(false);
+   EXPECT_EQ(::fcntl(ends[0], F_GETFL) & O_NONBLOCK, 0);
    EXPECT_FALSE(isOpen(number));
    EXPECT_FALSE(readableNow(manager()->pollFd()));
    ::close(shared);
@@ -156,7 +157,7 @@ TEST_F(Activity, AFetchedEventIsNotDeliveredToWhateverHasTheNumberNow) {
    };
    for (const auto& act : acts) {
       Watched pair[2];
-      const Ptr<Watcher> watchers[2] = {pair[0].watcher, pair[1].watcher};
+      const Vel::Ptr<Watcher> watchers[2] = {pair[0].watcher, pair[1].watcher};
       for (Watched& each : pair) {
          Watched& other = &each == pair ? pair[1] : pair[0];
          each.watcher->heard = [&] { act(other, other.fd->descriptor()); };

@@ -5,7 +5,6 @@
 
 namespace {
 
-using Vel::Ptr;
 
 [[noreturn]] void fail(const Child&) { throw std::runtime_error("hook"); }
 
@@ -78,8 +77,8 @@ FAULT(reactorsAreWithoutTrackerOrChild, World& world) {
    Calls calls;
    const auto child = world.record(7);
    const auto lonely = world.record(8);
-   const Ptr<Reactor> reactor = world.tracker->childProcess(7);
-   const Ptr<Reactor> childless = world.tracker->childProcess(8);
+   const Vel::Ptr<Reactor> reactor = world.tracker->childProcess(7);
+   const Vel::Ptr<Reactor> childless = world.tracker->childProcess(8);
    childless->notifierIs(world.tracker); // of another class: counts as none
    world.trace(calls);
    endIs(*lonely, Siginfo::exited);

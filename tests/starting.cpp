@@ -55,7 +55,7 @@ FAULT(registrationThrows, World& world) {
          throw std::runtime_error("registering");
       }
    };
-   for (const char* each : {"childProcessIs", "processIs"}) {
+   for (const char* each : {"processIs", "childProcessIs"}) {
       throwing = each;
       EXPECT_THROW(world.start([] { ::_exit(3); }), std::runtime_error);
       EXPECT_EQ(world.tracker->left() + world.tracker->childProcess().members(), 0U);

@@ -96,9 +96,8 @@ bool TraceFacility::levelEnabled(std::string_view handle, FacilityLevel level) {
 
 void TraceFacility::sinkIs(Sink newSink) { sink() = std::move(newSink); }
 
-TraceHandle::TraceHandle(String8 name,
-                         bool allEnabled) // NOLINT(performance-unnecessary-value-param)
-   : switches_(switchesOf(name)) {
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as every name is given
+TraceHandle::TraceHandle(String8 name, bool allEnabled) : switches_(switchesOf(name)) {
    if (allEnabled) {
       switches_->levels = ~std::uint64_t{0};
    }
