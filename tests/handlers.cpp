@@ -5,7 +5,6 @@
 
 namespace {
 
-
 [[noreturn]] void fail(const Child&) { throw std::runtime_error("hook"); }
 
 // ---- the tracker and what it holds go while they are at work ----
