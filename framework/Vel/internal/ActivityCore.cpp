@@ -37,11 +37,17 @@ class Deadline {
    Clock::time_point end_{};
 };
 
-std::uint64_t packed(int descriptor, std::uint32_t serial) {
-   return static_cast<std::uint64_t>(serial) << 32 | static_cast<std::uint32_t>(descriptor);
+// What the kernel gives back with an event: the number, whose serial, whether a child's pipe.
+constexpr std::uint32_t pipeBit = 0x80000000; // no number has it
+
+std::uint64_t packed(int descriptor, const DescriptorPlace& place) {
+   const std::uint32_t number = static_cast<std::uint32_t>(descriptor);
+   return static_cast<std::uint64_t>(place.serial) << 32 |
+          (place.childPipe() ? number | pipeBit : number);
 }
 
-int numberOf(const epoll_event& event) { return static_cast<int>(event.data.u64 & 0xffffffff); }
+int numberOf(const epoll_event& event) { return static_cast<int>(event.data.u64 & (pipeBit - 1)); }
+bool ofPipe(const epoll_event& event) { return (event.data.u64 & pipeBit) != 0; }
 
 std::uintptr_t taggedOwner(std::uint32_t tag) {
    return static_cast<std::uintptr_t>(tag) << 1 | DescriptorPlace::tagBit;
@@ -211,7 +217,7 @@ int ActivityCore::control(int operation, int descriptor, const DescriptorPlace& 
                           std::uint32_t events) noexcept {
    epoll_event event{};
    event.events = events;
-   event.data.u64 = packed(descriptor, place.serial);
+   event.data.u64 = packed(descriptor, place);
    return ::epoll_ctl(pollSet_, operation, descriptor, &event) == 0 ? 0 : errno;
 }
 
@@ -347,7 +353,7 @@ void ActivityCore::fetch(std::int64_t waitMs) {
 void ActivityCore::pipesLast() noexcept {
    auto others = fetched_.begin(); // the end of those that are in front
    for (auto at = others; at != fetched_.begin() + end_; ++at) {
-      if (!table_.find(numberOf(*at))->childPipe()) {
+      if (!ofPipe(*at)) {
          std::rotate(others++, at, at + 1);
       }
    }
@@ -404,13 +410,11 @@ void ActivityCore::deliverFetched() {
    }
 }
 
-// The place that a fetched event is for; null when its descriptor was forgotten since, and the
-// number may be another's.
+// The place that a fetched event is for: there is one, since it was watched. Null when its descriptor
+// was forgotten since, and the number may be another's.
 const DescriptorPlace* ActivityCore::placeOf(const epoll_event& event) noexcept {
-   const int descriptor = numberOf(event);
-   const DescriptorPlace* const place = table_.find(descriptor); // it was watched, so there is one
-   const bool same = place->events != 0 && packed(descriptor, place->serial) == event.data.u64;
-   return same ? place : nullptr;
+   const DescriptorPlace* const place = table_.find(numberOf(event));
+   return place->events != 0 && place->serial == event.data.u64 >> 32 ? place : nullptr;
 }
 
 void ActivityCore::deliver(const epoll_event& event) {
