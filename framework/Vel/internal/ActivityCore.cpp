@@ -410,8 +410,8 @@ void ActivityCore::deliverFetched() {
    }
 }
 
-// The place that a fetched event is for: there is one, since it was watched. Null when its descriptor
-// was forgotten since, and the number may be another's.
+// The place that a fetched event is for: there is one, since it was watched. Null when its
+// descriptor was forgotten since, and the number may be another's.
 const DescriptorPlace* ActivityCore::placeOf(const epoll_event& event) noexcept {
    const DescriptorPlace* const place = table_.find(numberOf(event));
    return place->events != 0 && place->serial == event.data.u64 >> 32 ? place : nullptr;
