@@ -284,7 +284,8 @@ FAULT(itClosesWhatItInheritedBehindTheManager, World& world) {
 FAULT(itsSiblingsAreNotItsChildren, World& world) {
    const auto body = [&world](int above) {
       descriptorLimitIs(20000);
-      while (::dup(1) < above) { // what is of the sibling has higher numbers
+      // What is of the sibling has higher numbers.
+      for (int number = 0; number >= 0 && number < above; number = ::dup(1)) {
       }
       const Gate gate;
       const Child sibling = world.childOf(world.startAt(gate, 9));
