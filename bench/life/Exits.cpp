@@ -26,8 +26,8 @@ double exitCpu(Stage& stage, std::size_t tracked) {
    return median(costs);
 }
 
-// Ends all that wait.
-double endAllCpu(Stage& stage, std::size_t) {
+double allAtOnceCpu(Stage& stage, std::size_t tracked) {
+   waitingIs(stage, tracked);
    SignalHeld held;
    for (const pid_t pid : stage.waiting) {
       ::kill(pid, SIGKILL);
@@ -37,13 +37,7 @@ double endAllCpu(Stage& stage, std::size_t) {
    return cpuToLearn(*stage.contestant, held, 0);
 }
 
-double allAtOnceCpu(Stage& stage, std::size_t tracked) {
-   waitingIs(stage, tracked);
-   return endAllCpu(stage, 0);
-}
-
-// Of all workers but the first, which is the floor. Only this library's are judged. All that wait
-// are gone before others come.
+// Of all workers but the first, which is the floor. Only this library's are judged.
 void exits(const Workers& workers, std::size_t tracked, bool judged) {
    const auto figures = alternate(workers, &exitCpu, tracked, rounds);
    for (std::size_t at = 1; at < workers.size(); ++at) {
@@ -53,9 +47,6 @@ void exits(const Workers& workers, std::size_t tracked, bool judged) {
       row("CPU time to learn of one exit, " + std::to_string(tracked) + " others: " + name, ratio,
           ours && judged ? "<= 1.25" : "printed", "against the floor with as many");
       point("exit", name, static_cast<double>(tracked + 1), ratio); // with the one that ends
-   }
-   for (const auto& worker : workers) {
-      worker->run(&endAllCpu, 0);
    }
 }
 
@@ -79,14 +70,15 @@ void measureExits() {
    allAtOnce();
 }
 
-// With thousands of children each, all together would be too many: two at a time.
+// With thousands of children each, all together would be too many: one beside the floor at a time.
 void measureCrowds() {
+   Workers two;
+   two.push_back(std::make_unique<Worker>(contestants[0]));
    for (std::size_t at = 1; at < contestants.size(); ++at) {
       if (contestants[at].make != nullptr) {
-         Workers two;
-         two.push_back(std::make_unique<Worker>(contestants[0]));
          two.push_back(std::make_unique<Worker>(contestants[at]));
          exits(two, mostTracked(), true);
+         two.pop_back();
       }
    }
 }

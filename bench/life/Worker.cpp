@@ -20,6 +20,16 @@ template <class T> bool readWhole(int descriptor, T& value) noexcept {
    return ::read(descriptor, &value, sizeof value) == sizeof value;
 }
 
+// Nobody is told of these ends.
+void endWaiting(const Stage& stage) noexcept {
+   for (const pid_t pid : stage.waiting) {
+      ::kill(pid, SIGKILL);
+   }
+   for (const pid_t pid : stage.waiting) {
+      ::waitpid(pid, nullptr, 0);
+   }
+}
+
 } // namespace
 
 Worker::Worker(const Entry& entry) : name_(entry.name) {
@@ -49,7 +59,8 @@ void Worker::serve(const Entry& entry, int requests, int results) noexcept {
       for (Request request{}; readWhole(requests, request) && request.task != nullptr;) {
          writeWhole(results, request.task(stage, request.size));
       }
-      ::_exit(0); // what still waits doesn't outlive it
+      endWaiting(stage); // all are gone before another worker's come
+      ::_exit(0);
    } catch (const std::exception& exception) {
       std::cerr << entry.name << ": " << exception.what() << '\n';
    }

@@ -41,7 +41,7 @@ class Deadline {
 constexpr std::uint32_t pipeBit = 0x80000000; // no number has it
 
 std::uint64_t packed(int descriptor, const DescriptorPlace& place) {
-   const std::uint32_t number = static_cast<std::uint32_t>(descriptor);
+   const auto number = static_cast<std::uint32_t>(descriptor);
    return static_cast<std::uint64_t>(place.serial) << 32 |
           (place.childPipe() ? number | pipeBit : number);
 }
