@@ -13,7 +13,6 @@
 
 namespace {
 
-using Vel::AttributeOp;
 using Vel::GenericIf;
 using Vel::GenericValue;
 using Vel::VelAttr;

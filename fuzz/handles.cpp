@@ -120,8 +120,10 @@ void strings(Input& input) {
             toModel = fromModel;
          } else if (toModel.size() + fromModel.size() < 4096) {
             to = operation == 4 ? to + from : Vel::format("%s%s", to.charPtr(), from.charPtr());
-            toModel = operation == 4 ? toModel + fromModel
-                                     : std::string(toModel.c_str()) + fromModel.c_str();
+            const auto used = [operation](const std::string& model) {
+               return operation == 4 ? model : std::string(model.c_str());
+            };
+            toModel = used(toModel) + used(fromModel);
          }
          require(std::string_view(to) == toModel && to.charPtr()[to.length()] == '\0' &&
                     to.empty() == toModel.empty(),

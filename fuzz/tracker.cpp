@@ -69,7 +69,7 @@ class Play {
 
    void ended(const Zor::ChildProcess& child) {
       const auto expected = expected_.find(child.pid());
-      const Vel::Ptr<Siginfo> end = child.siginfo();
+      const Vel::Ptr<Siginfo>& end = child.siginfo();
       if (expected != expected_.end() && end && !meddled_) {
          require(
             end->signalCode() == expected->second.first &&

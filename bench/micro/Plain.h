@@ -96,8 +96,8 @@ class PlainMap {
    }
    // The visitor may remove the entry that it is given.
    template <class Visitor> void visit(const Visitor& visitor) {
-      for (std::size_t bucket = 0; bucket < buckets_.size(); ++bucket) {
-         for (PlainHandle<PlainEntry> entry(buckets_[bucket]); entry.get() != nullptr;) {
+      for (const PlainHandle<PlainEntry>& first : buckets_) {
+         for (PlainHandle<PlainEntry> entry(first); entry.get() != nullptr;) {
             PlainHandle<PlainEntry> next(entry.get()->next);
             visitor(*entry.get());
             entry = std::move(next);
