@@ -55,7 +55,16 @@ class VEL_EXPORT HashMapGeneric {
    // null at the end. Stores the bucket when asked to; reads the one of after from there.
    PtrInterface* findNextG(const PtrInterface* after, int* bucket) const;
    // The first member of the next bucket that has one; null and the number of buckets at the end.
-   PtrInterface* findNextBucket(int* bucket) const;
+   PtrInterface* findNextBucket(int* bucket) const {
+      const auto count = static_cast<int>(bucketCount());
+      while (++*bucket < count) {
+         if (PtrInterface* const head = buckets_[*bucket]) {
+            return head;
+         }
+      }
+      *bucket = count;
+      return nullptr;
+   }
    // The member with the key, or the first that would follow it; null and the number of buckets
    // at the end.
    PtrInterface* startAtHash(const void* key, std::uint32_t hash, int* bucket) const;
@@ -128,8 +137,9 @@ template <class V, class K> class HashMapVTable final : public HashMapVTableGene
    static inline const HashMapVTable* instance_ = nullptr;
 };
 
-// A map of entries V with keys K, read as values T. Looking up and advancing within a chain make no
-// call. An iterator keeps its entry alive and finds its place again when the map has changed.
+// A map of entries V with keys K, read as values T. Looking up makes no call, nor does advancing in
+// a map that stays as it is. An iterator keeps its entry alive and finds its place again when the
+// map has changed.
 template <class V, class K, class T> class HashMap : public HashMapGeneric {
    using Traits = HashMapTraits<V>;
 

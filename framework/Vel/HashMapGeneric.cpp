@@ -156,17 +156,6 @@ PtrInterface* HashMapGeneric::findNextG(const PtrInterface* after, int* bucket) 
    return found;
 }
 
-PtrInterface* HashMapGeneric::findNextBucket(int* bucket) const {
-   const auto count = static_cast<int>(bucketCount());
-   while (++*bucket < count) {
-      if (PtrInterface* const head = buckets_[*bucket]) {
-         return head;
-      }
-   }
-   *bucket = count;
-   return nullptr;
-}
-
 PtrInterface* HashMapGeneric::startAtHash(const void*, std::uint32_t hash, int* bucket) const {
    *bucket = static_cast<int>(bucketOf(hash));
    PtrInterface* entry = buckets_[*bucket];
