@@ -25,12 +25,13 @@ static_assert(sizeof(PidfdInfo) == 64);
 constexpr unsigned long pidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
 
 // Without waiting, which no signal interrupts.
-int waitId(idtype_t type, int id, siginfo_t* info, int options) noexcept {
-   return ::waitid(type, static_cast<id_t>(id), info, options | WEXITED | WNOHANG);
+int waitId(idtype_t type, int id, siginfo_t& info, int options) noexcept {
+   return ::waitid(type, static_cast<id_t>(id), &info, options | WEXITED | WNOHANG);
 }
 
 Ours isOurChild(idtype_t type, int id) noexcept {
-   if (waitId(type, id, nullptr, WNOWAIT) == 0) {
+   siginfo_t ignored; // that none might be given is Linux's own, and not to be relied upon
+   if (waitId(type, id, ignored, WNOWAIT) == 0) {
       return Ours::yes;
    }
    if (errno == ECHILD) {
@@ -43,7 +44,7 @@ Ours isOurChild(idtype_t type, int id) noexcept {
 Ended waitFor(idtype_t type, int id, ProcessStatus& status) noexcept {
    siginfo_t info;
    info.si_pid = 0; // and so it stays when there is nothing to tell
-   if (waitId(type, id, &info, 0) != 0) {
+   if (waitId(type, id, info, 0) != 0) {
       return errno == ECHILD ? Ended::lost : Ended::unknown;
    }
    if (info.si_pid == 0) {
