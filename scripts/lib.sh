@@ -7,7 +7,7 @@ export CTEST_PARALLEL_LEVEL="${CTEST_PARALLEL_LEVEL:-$(nproc)}"
 
 build_packages=(g++ cmake ninja-build libboost-dev)
 demo_packages=("${build_packages[@]}" libcli11-dev nlohmann-json3-dev)
-test_packages=("${demo_packages[@]}" libgtest-dev libgmock-dev pkg-config)
+test_packages=("${demo_packages[@]}" libgtest-dev libgmock-dev pkg-config valgrind)
 # What the benchmarks compare with; each can be left out.
 peers=(libuv1-dev libglib2.0-dev libev-dev libsystemd-dev)
 bench_packages=(libbenchmark-dev "${peers[@]}")

@@ -119,6 +119,7 @@ TEST_F(Activity, ANumberHasOneOwnerWhoClosesItUnlessToldToForget) {
    int ends[2];
    ASSERT_EQ(::pipe(ends), 0);
    second.fd->nonBlockingIs(true);
+   second.fd->nonBlockingIs(true); // as it is
    second.fd->descriptorIs(ends[0]);
    EXPECT_NE(::fcntl(ends[0], F_GETFL) & O_NONBLOCK, 0) << "on for those to come";
    second.fd->nonBlockingIs(false);

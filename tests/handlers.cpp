@@ -97,6 +97,14 @@ FAULT(reactorsAreWithoutTrackerOrChild, World& world) {
    }
    world.tracker->childProcessDelAll();
    EXPECT_EQ(world.tracker->childProcess().members(), 0U);
+   world.tracker->newChildProcess(nullptr);
+   world.tracker->called = [&](const std::string& call) { // one comes for each that goes
+      if (call == "childProcessDel at") {
+         world.tracker->newChildProcess(nullptr);
+      }
+   };
+   world.tracker->childProcessDelAll();
+   EXPECT_EQ(world.tracker->childProcess().members(), 1U);
 }
 
 // ---- hooks ----

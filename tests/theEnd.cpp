@@ -372,6 +372,8 @@ FAULT(itsDescriptorsAreOdd, World& world) {
    siginfo->childPipeIs("pipe")->descriptorIs(pipe);
    manager()->fdDel(pipe);
    EXPECT_EQ(siginfo->childPipe()->descriptor(), -1);
+   siginfo->conclude();
+   EXPECT_EQ(siginfo->signalCode(), Siginfo::none);
    EXPECT_EQ(::close(pipe), 0);
 
    int ends[2]; // one that can't be read, and has ended
@@ -379,6 +381,14 @@ FAULT(itsDescriptorsAreOdd, World& world) {
    ::close(ends[0]);
    expectEnd(world.tracker->processIs(::getppid(), "unreadable", ends[1]), Siginfo::lost, 0,
              Siginfo::unknown);
+
+   EXPECT_EQ(::pipe(ends), 0); // one that is watched twice, and no longer the record's
+   const auto child = world.tracker->processIs(outside([] { ::_exit(4); }), "twice", ends[0]);
+   child->siginfo()->childPipeReactorIs(child->siginfo()->childPipe(), child->siginfo());
+   child->siginfo()->childPipeIs("another");
+   expectEnd(child, Siginfo::exited, 4);
+   EXPECT_FALSE(isOpen(ends[0]));
+   ::close(ends[1]);
 
    EXPECT_EQ(::pipe(ends), 0); // one whose record is gone, but not what watches it
    Vel::Ptr<Zor::ChildProcess> gone = world.tracker->processIs(::getppid(), "gone", ends[0]);

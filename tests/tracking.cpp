@@ -133,6 +133,7 @@ TEST_F(Tracking, WhatAReactorHasAlreadyIsNothingNew) {
    reactor->notifierIs(child);
    reactor->siginfoIs(child->siginfo());
    follower->notifierIs(child->siginfo());
+   child->siginfo()->signalCodeIs(Siginfo::none);
    tracker->hasNotificationActiveIs(true);
    EXPECT_TRUE(calls.empty() && reactor->siginfo() == follower);
    EXPECT_EQ(reactor->siginfoDel(), child->siginfo());
