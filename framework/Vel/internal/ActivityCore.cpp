@@ -106,7 +106,7 @@ void ActivityCore::ownerIs(int descriptor, std::uintptr_t owner) {
 }
 
 bool ActivityCore::owns(const FileDescriptor* object, int descriptor) noexcept {
-   const DescriptorPlace* const place = descriptor >= 0 ? table_.find(descriptor) : nullptr;
+   const DescriptorPlace* const place = table_.find(descriptor);
    return place != nullptr && place->object() == object;
 }
 
