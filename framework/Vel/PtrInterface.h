@@ -130,12 +130,13 @@ class VEL_EXPORT PtrInterface {
    // touch the object afterwards. Taking a handle for longer than the finishing is asserted.
    void handleZeroRef() const;
 
-   // Memory for an entity, released with the global delete. The small ones are all of one size:
-   // what a child that ended has left is then handed out again together, and so lies on fewer
-   // pages, of which each costs a process that forks a fault.
+   // Memory for an entity, released with the global delete. Most of what belongs to a child has 40
+   // to 56 bytes, and gets the same: what one that ended has left is then handed out again
+   // together, and so lies on fewer pages, of which each costs a process that forks a fault.
    static void* velMemAlloc(unsigned size) {
-      constexpr unsigned small = 56;
-      return ::operator new(size < small ? small : size);
+      constexpr unsigned least = 40;
+      constexpr unsigned most = 56;
+      return ::operator new(least <= size && size < most ? most : size);
    }
 
    static const VelType _velType;
