@@ -31,13 +31,11 @@ void Times::ratioRow(const std::string& what, const std::string& name, const std
    }
 }
 
-// The lower quartile: a busy machine makes repetitions slower, in bouts that the median may or may
-// not fall into; nothing makes them faster.
+// The best repetition: a busy machine makes others slower, in bouts that one case may fall into and
+// the other not; nothing makes one faster.
 double Times::typical(const std::string& name) const {
-   std::vector<double> times = repetitions_.at(name);
-   const auto quartile = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 4);
-   std::nth_element(times.begin(), quartile, times.end());
-   return *quartile;
+   const std::vector<double>& times = repetitions_.at(name);
+   return *std::min_element(times.begin(), times.end());
 }
 
 double instructionsPerTurn(const Turns& turns, unsigned count) {
